@@ -1,0 +1,49 @@
+// Files and state files. A state file holds one setting as its whole text;
+// readers read it afresh each time, writers replace it atomically.
+#pragma once
+#include <cstddef>
+#include <ctime>
+
+class Memory;
+
+// The shared empty text that readTxt returns for missing files: never free it.
+extern char EMPTY_TEXT[1];
+
+// Path rule: dir + "/" + name when name is non-empty, else dir alone.
+// Returns a malloc'd path.
+char* makePath(const char* dir, const char* name);
+
+// Whole file, zero bytes turned into blanks; malloc'd, or EMPTY_TEXT.
+char* readTxt(const char* dir, const char* name);
+// readTxt copied into the InternalCache and trimmed (never null, never to be freed).
+char* readTrimmed(const char* dir, const char* name);
+// Atomic replace through "<path>.SV.<pid>"; true when the temporary was created.
+bool writeTxt(const char* dir, const char* name, const char* text);
+bool writeData(const char* dir, const char* name, const void* bytes, size_t length);
+bool appendLogNoSync(const char* dir, const char* name, const void* bytes, size_t length);
+int appendFile(const char* source, const char* destination);
+// Appends line + "\n" under an exclusive file lock.
+void writeLine(const char* line, const char* path);
+
+int mvFile(const char* source, const char* destination);
+int mvFile(const char* sdir, const char* sname, const char* ddir, const char* dname);
+int cpFile(const char* source, const char* destination);
+int cpFile(const char* sdir, const char* sname, const char* ddir, const char* dname);
+int rmFile(const char* dir, const char* name);
+
+bool fileExists(const char* dir, const char* name);
+bool nonZeroFile(const char* dir, const char* name);
+long long getFileSize(const char* dir, const char* name);
+time_t getFileModTime(const char* dir, const char* name);
+bool isLocked(const char* path);
+int getFileCount(const char* dir);
+
+// Quotes a text for the shell ('...' with embedded quotes escaped); malloc'd.
+char* shellQuote(const char* text);
+
+namespace Util {
+// Sorted names (no "." and ".."), in the arena or the ring.
+char** listDir(const char* dir, int* count, Memory* memory);
+// Names as "ls -1" gives them.
+char** listDirC(const char* dir, int* count, Memory* memory);
+}

@@ -1,0 +1,17 @@
+#!/bin/sh
+# Installs the build and test dependencies on Debian 12; does nothing when all are present.
+set -eu
+PKGS="cmake g++ make libmbedtls-dev dcmtk libgtest-dev openssl python3-hl7"
+missing=""
+for p in $PKGS; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"
+done
+[ -z "$missing" ] && exit 0
+if [ "$(id -u)" -ne 0 ]; then
+    echo "bootstrap: missing packages:$missing (run as root to install)" >&2
+    exit 1
+fi
+export DEBIAN_FRONTEND=noninteractive
+apt-get update -qq
+# shellcheck disable=SC2086
+apt-get install -y -qq --no-install-recommends $missing
