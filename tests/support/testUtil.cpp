@@ -121,3 +121,70 @@ int freePort() {
 }
 
 std::string pkiFile(const std::string& name) { return std::string(HUBTALK_PKI_DIR) + "/" + name; }
+
+ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::string& cwd,
+                           const std::string& stdoutPath, const std::string& stderrPath) {
+    m_pid = fork();
+    if (m_pid < 0) throw std::runtime_error("fork failed");
+    if (m_pid == 0) {
+        setpgid(0, 0);
+        int out = open(stdoutPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        int err = open(stderrPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (out >= 0) dup2(out, 1);
+        if (err >= 0) dup2(err, 2);
+        if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(126);
+        std::vector<char*> args;
+        for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+        args.push_back(nullptr);
+        execv(args[0], args.data());
+        _exit(127);
+    }
+}
+
+ChildProcess::~ChildProcess() {
+    if (m_status < 0 && m_pid > 0) {
+        if (stop(SIGTERM, 5000) < 0) {
+            kill(-m_pid, SIGKILL);
+            wait(5000);
+        }
+    }
+}
+
+int ChildProcess::wait(int timeoutMs) {
+    if (m_status >= 0) return m_status;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;) {
+        int status = 0;
+        pid_t r = waitpid(m_pid, &status, WNOHANG);
+        if (r == m_pid) {
+            m_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+            return m_status;
+        }
+        if (std::chrono::steady_clock::now() >= deadline) return -1;
+        usleep(20000);
+    }
+}
+
+int ChildProcess::stop(int signal, int timeoutMs) {
+    if (m_status >= 0) return m_status;
+    kill(m_pid, signal);
+    return wait(timeoutMs);
+}
+
+bool waitUntil(const std::function<bool()>& condition, int timeoutMs) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;) {
+        if (condition()) return true;
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+        usleep(20000);
+    }
+}
+
+std::vector<int> childrenOf(int pid) {
+    std::vector<int> result;
+    std::string path = "/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) + "/children";
+    std::istringstream in(slurp(path));
+    int child;
+    while (in >> child) result.push_back(child);
+    return result;
+}

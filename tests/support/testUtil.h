@@ -1,6 +1,7 @@
 // Helpers shared by the tests: temporary directories, whole-file I/O,
 // running programs with captured output, and free loopback ports.
 #pragma once
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -37,3 +38,31 @@ int freePort();
 
 // Path of a file of the build's development PKI (ca.crt, server.crt, ...).
 std::string pkiFile(const std::string& name);
+
+// A program running in the background, its output going to files; stopped
+// (SIGTERM, then SIGKILL) when the object goes.
+class ChildProcess {
+public:
+    ChildProcess(const std::vector<std::string>& argv, const std::string& cwd,
+                 const std::string& stdoutPath, const std::string& stderrPath);
+    ~ChildProcess();
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    int pid() const { return m_pid; }
+    // Sends the signal and waits up to the given time; returns the exit status
+    // (128 + signal when killed), or -1 when it did not end in time.
+    int stop(int signal, int timeoutMs = 10000);
+    // The exit status once ended, or -1 when still running after timeoutMs.
+    int wait(int timeoutMs);
+
+private:
+    int m_pid = -1;
+    int m_status = -1;
+};
+
+// Polls the condition every 20 ms; true when it held within the time.
+bool waitUntil(const std::function<bool()>& condition, int timeoutMs);
+
+// Direct children of a process (from /proc).
+std::vector<int> childrenOf(int pid);

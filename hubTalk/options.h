@@ -1,0 +1,23 @@
+// Command-line parsing into the process-wide settings.
+#pragma once
+
+extern const char* const USAGE;
+
+struct StartOptions {
+    bool daemonize = false;
+    char nameFile[128] = {0};
+};
+
+// Parses argv with the long options; acts at once on -d (certificate) and -R
+// (server list files). Exits with status 1 for -?.
+void parseOptions(int argc, char** argv, StartOptions& options);
+
+// The EMR interface kind named by an -A argument (by its first letter, or the
+// whole word "meditouch"); sets EMR_INTF, InterfaceName and applications1.
+void selectEmrInterface(const char* argument);
+
+// -N: processing mode, optionally "-<workers>"; onlineCpus is the machine's count.
+void applyProcessingMode(const char* argument, int onlineCpus);
+
+// PREFIX, PROCESS_DIR and PRE from the program's own path.
+void locateProgram(const char* argv0);

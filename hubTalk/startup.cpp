@@ -1,0 +1,243 @@
+#include "startup.h"
+
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "exception.h"
+#include "files.h"
+#include "options.h"
+#include "pinnedCa.h"
+#include "random.h"
+#include "settings.h"
+#include "text.h"
+
+void updateCert(const char* dir) {
+    if (!nonZeroFile(dir, "sundel.crt")) writeTxt(dir, "sundel.crt", PINNED_CA_PEM);
+}
+
+static void append(char* dst, const char* text) {
+    size_t used = strlen(dst);
+    if (used + 1 < sizeof applications1) snprintf(dst + used, sizeof applications1 - used, "%s", text);
+}
+
+// Bounded formatting into a fixed buffer; cutting is the intended behaviour.
+static void formatInto(char* dst, size_t size, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    vsnprintf(dst, size, format, args);
+    va_end(args);
+}
+
+[[noreturn]] static void fail(const char* format, const char* arg) {
+    fprintf(stderr, format, arg);
+    fflush(stderr);
+    exit(1);
+}
+
+// Creates a directory the program needs; false when it is still missing.
+static bool makeDir(const char* path) {
+    if (fileExists(path, "")) return true;
+    mkdir(path, 0775);
+    chmod(path, 0775);
+    sleep(1);
+    return fileExists(path, "");
+}
+
+static void describeHl7Dirs() {
+    if (!HL7_dir[0] || !applications1[0]) return;
+    append(applications1, " (");
+    append(applications1, HL7_dir);
+    if (HL7_inputDir[0]) {
+        append(applications1, ", ");
+        append(applications1, HL7_inputDir);
+    }
+    if (ShortCodeFile[0]) {
+        append(applications1, ", ");
+        append(applications1, ShortCodeFile);
+    }
+    if (TestCodeFile[0]) {
+        append(applications1, ", ");
+        append(applications1, TestCodeFile);
+    }
+    if (EMR_SR) append(applications1, ", SR2HL7");
+    if (EMR_PDF) append(applications1, ", REPORTCAST");
+    append(applications1, ")");
+}
+
+static void describeExport() {
+    if (applications1[0] && viewpointDir[0]) append(applications1, ", ");
+    if (viewpointDir[0] && nonZeroFile(dataDir, "CLIENTVP6.txt"))
+        append(applications1, "VP6 Client");
+    else if (viewpointDir[0] && nonZeroFile(dataDir, "CLIENTVP6.HEAD.txt"))
+        append(applications1, "VP6 Server");
+    else if (viewpointDir[0] && EMR_INTF != EMR_HL7FILE)
+        append(applications1, "File-Export");
+    if (EMR_INTF == EMR_HL7FILE && !HL7_inputDir[0]) append(applications1, "(with delay)");
+}
+
+static bool anyProcessingMode() { return anonExport || pixelProcessing || pixelProcessingRetain; }
+
+// Writes the name to "hostName.txt" and checks that it reads back unchanged.
+static void writeIdentity(const char* name) {
+    writeTxt(dataDir, "hostName.txt", name);
+    char* back = readTrimmed(dataDir, "hostName.txt");
+    if (strcmp(back, name) != 0) {
+        fprintf(stderr, "Unable to write internal name to %s/hostName.txt\n%s", dataDir, name);
+        fflush(stderr);
+        exit(1);
+    }
+}
+
+// Waits for the name file of -f; the name is cut to 92 characters.
+static void readNameFile(const char* path, char* name, size_t size) {
+    for (int tries = 1;; ++tries) {
+        char* text = readTrimmed(path, "");
+        if (*text) {
+            snprintf(name, size < 93 ? size : 93, "%s", text);
+            return;
+        }
+        if (tries % 10 == 0) {
+            fprintf(stderr, "File %s is empty or not there - cannot get deviceId/deviceName without it\n", path);
+            fflush(stderr);
+        }
+        sleep(2);
+    }
+}
+
+static void newIdentity(char* out) {
+    unsigned char bytes[16];
+    getRandomNumber(bytes, sizeof bytes);
+    uuid_generate(bytes, true);
+    for (int i = 0; i < 16; ++i) charToHex(bytes[i], out + 2 * i);
+    out[32] = '\0';
+}
+
+bool prepareStart(const StartOptions& options) {
+    if (!dataDir[0] || dataDir[0] == '-') {
+        fprintf(stderr, "No Data Dir\n%s", USAGE);
+        exit(1);
+    }
+    describeHl7Dirs();
+    if (ER_ip[0]) snprintf(applications1, sizeof applications1, "Routing/Retrieving (%s:%d)", ER_ip, ER_port);
+
+    if (!fileExists(dataDir, "")) {
+        if (!makeDir(dataDir)) fail("Cannot create Data Dir\n%s", dataDir);
+        updateCert(dataDir);
+    }
+
+    if (EMR_INTF == EMR_HL7FILE) {
+        snprintf(viewpointDir, sizeof viewpointDir, "%s", HL7_dir);
+        snprintf(HL7_inputDir, sizeof HL7_inputDir, "%s", HL7_dir);
+        if (PORT == 0) PORT = 5678;
+    }
+    if (EMR_INTF == EMR_NONE && nonZeroFile(dataDir, "fileOnly.txt")) EMR_INTF = EMR_HL7FILE;
+    if (EMR_INTF != EMR_NONE) {
+        formatInto(HL7_cache, sizeof HL7_cache, "%s/%s", dataDir, "HL7");
+        if (!makeDir(HL7_cache)) fail("Cannot create HL7 Cache\n%s", HL7_cache);
+        if (EMR_INTF == EMR_HL7FILE) snprintf(HL7_dir, sizeof HL7_dir, "%s", HL7_cache);
+    }
+
+    describeExport();
+
+    if (anyProcessingMode()) {
+        if (!viewpointDir[0] || HL7_inputDir[0] || EMR_INTF > EMR_HL7FILE) {
+            fputs("Anonymization (-N) requires File-Export/VP6 (-V)\n", stderr);
+            exit(1);
+        }
+        append(applications1, " (");
+        append(applications1, viewpointDir);
+        append(applications1, ")");
+        formatInto(qDir, sizeof qDir, "%s/Q", dataDir);
+        if (!makeDir(qDir)) fail("Cannot create anon Q Dir%s\n", qDir);
+    }
+
+    if (QUIET) {
+        char path[101];
+        formatInto(path, sizeof path, "%s/stderr.bc.txt", dataDir);
+        if (!freopen(path, "w", stderr)) {
+            // Standard error stays where it was; nothing better to report to.
+        }
+        formatInto(path, sizeof path, "%s/stdout.bc.txt", dataDir);
+        if (!freopen(path, "w", stdout)) {
+            // As above.
+        }
+    }
+
+    bool changed = false;
+    char name[128] = {0};
+    if (options.nameFile[0]) {
+        readNameFile(options.nameFile, name, sizeof name);
+        if (fileExists(dataDir, "hostName.txt") && strcmp(readTrimmed(dataDir, "hostName.txt"), name) != 0) {
+            writeIdentity(name);
+            changed = true;
+        }
+    }
+
+    daemonInit(dataDir, options.daemonize);
+
+    if (name[0] && !fileExists(dataDir, "hostName.txt")) {
+        writeIdentity(name);
+        changed = true;
+    } else if (!*readTrimmed(dataDir, "hostName.txt")) {
+        if (name[0]) {
+            rtrim(name);
+        } else {
+            newIdentity(name);
+        }
+        writeIdentity(name);
+        changed = true;
+    }
+    return changed;
+}
+
+static volatile sig_atomic_t stopRequested = 0;
+static volatile pid_t supervisedChild = 0;
+
+static void onTerminate(int) {
+    stopRequested = 1;
+    if (supervisedChild > 0) kill(supervisedChild, SIGTERM);
+}
+
+static void becomeWorker(const char* dir) {
+    if (chdir(dir) != 0) logSysError("chdir to data directory failed");
+    signal(SIGHUP, SIG_IGN);
+    signal(SIGPIPE, SIG_IGN);
+    signal(SIGINT, SIG_IGN);
+}
+
+void daemonInit(const char* dir, bool daemonize) {
+    if (!daemonize) {
+        becomeWorker(dir);
+        return;
+    }
+    struct sigaction sa {};
+    sa.sa_handler = onTerminate;
+    sigemptyset(&sa.sa_mask);
+    sigaction(SIGTERM, &sa, nullptr);
+    for (;;) {
+        pid_t pid = fork();
+        if (pid < 0) throwFatal("Error forking");
+        if (pid == 0) {
+            signal(SIGTERM, SIG_DFL);
+            becomeWorker(dir);
+            return;
+        }
+        supervisedChild = pid;
+        if (stopRequested) kill(pid, SIGTERM);
+        int status;
+        while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+        }
+        supervisedChild = 0;
+        if (stopRequested) exit(0);
+        errno = 0;
+        logSysError("Restarting process");
+    }
+}
