@@ -7,7 +7,7 @@
 
 MorvaExceptionTop::MorvaExceptionTop(const char* n) {
     text[0] = '\0';
-    snprintf(name, sizeof name, "%.64s", n ? n : "");
+    snprintf(name, sizeof name, "%.63s", n ? n : "");  // the buffer holds 63 and the zero
 }
 
 void MorvaExceptionTop::describe(const char* message, const char* detail) {

@@ -18,6 +18,8 @@ public:
     };
 
     KeyValues();
+    // Room for `capacity` entries and a key pool of `poolSize` bytes to start with.
+    KeyValues(int capacity, int poolSize);
     virtual ~KeyValues();
     KeyValues(const KeyValues&) = delete;
     KeyValues& operator=(const KeyValues&) = delete;

@@ -28,8 +28,8 @@ public:
     int blockCount() const { return m_blockCount; }
     int blockCapacity() const { return m_blockCapacity; }
 
-    static const int MIN_CHUNK = 10240;
-    static const int MAX_HIGH_WATER = 102400;
+    static constexpr int MIN_CHUNK = 10240;
+    static constexpr int MAX_HIGH_WATER = 102400;
 
 private:
     void addBlock(void* p);
@@ -73,7 +73,7 @@ private:
 // Process-wide ring buffer. Text from it is valid only until the ring wraps.
 class InternalCache {
 public:
-    static const int SIZE = 1048576;
+    static constexpr int SIZE = 1048576;
 
     // Reserves size bytes (8-byte aligned, wraps when offset + size >= SIZE - 1);
     // copies text there when given. blockSignals masks all signals meanwhile.
