@@ -1,0 +1,19 @@
+// Fault modes, switched on by the presence of faults/<name> in the
+// configuration directory and looked up at the moment they matter, so tests
+// can flip them while the service runs.
+#pragma once
+
+class ServiceConfig;
+
+enum class Fault {
+    NoOk,         // "noOk": the start marker is answered "NO" and the connection closed
+    ForeignCert,  // "foreignCert": the certificate session uses the foreign authority's pair
+    WrongKey,     // "wrongKey": the key session uses a key the box cannot know
+    UploadNo,     // "uploadNo": every upload header is answered "NO"
+    CutUpload,    // "cutUpload": the connection is dropped half-way through an upload
+    CutPush,      // "cutPush": the connection is dropped half-way through pushed data
+    Silent,       // "silent": connections are accepted and never answered
+};
+
+const char* faultName(Fault fault);
+bool faultOn(const ServiceConfig& config, Fault fault);
