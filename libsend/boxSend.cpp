@@ -1,0 +1,70 @@
+#include "boxSend.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <string>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "morvaAlarms.h"
+#include "morvaNet.h"
+#include "text.h"
+#include "util.h"
+
+Box::Box(const char* dir, const char* fileName, const char* boxId) {
+    std::string d = dir ? dir : "";
+    directory = keep(d.c_str());
+    std::string path = d;
+    if (fileName && *fileName) path += std::string("/") + fileName;
+    filePath = keep(path.c_str());
+    id = rtrim(keep(boxId ? boxId : ""));
+    displayName = keep("");
+}
+
+Box::~Box() {
+    if (sock >= 0) Box::shutdown("Success", false);
+    arena.reset();
+}
+
+char* Box::keep(const char* text) {
+    if (!text) return nullptr;
+    size_t n = strlen(text) + 1;
+    char* p = static_cast<char*>(arena.malloc(n));
+    memcpy(p, text, n);
+    return p;
+}
+
+bool Box::socketOpen() const {
+    if (sock < 0) return false;
+    AlarmRec* rec = m_alarms->record(alarmIndex);
+    return !(rec && rec->socket == -2);
+}
+
+bool Box::shutdown(const char* message, bool doReport) {
+    int err = errno;
+    if (alarmIndex >= 0) m_alarms->disarm(alarmIndex);
+    if (sock >= 0) {
+        // A socket the watchdog already closed may carry another file's number by now.
+        if (socketOpen() && fcntl(sock, F_GETFD) != -1) {
+            ::shutdown(sock, SHUT_RDWR);
+            close(sock);
+        }
+        sock = -1;
+        AlarmRec* rec = m_alarms->record(alarmIndex);
+        if (rec) rec->socket = -1;
+    }
+    if (doReport) {
+        errno = err;
+        Network::report(message, quiet, verbose);
+    }
+    return doReport;
+}
+
+char* Box::gtk() {
+    std::string name = displayName ? displayName : "";
+    if (!name.empty() && name[0] == '~') name = Util::decrypt(name.c_str());
+    std::string joined = std::string(id ? id : "") + "_" + name;
+    return keep(Util::encrypt(joined.c_str()));
+}

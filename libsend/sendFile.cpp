@@ -1,0 +1,377 @@
+// The session object: destination list, connection set-up, closing, and
+// the file upload.
+#include "sendFile.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <pthread.h>
+#include <string>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+#include "buildConfig.h"
+#include "files.h"
+#include "linkUtil.h"
+#include "morvaAlarms.h"
+#include "morvaNet.h"
+#include "random.h"
+#include "text.h"
+#include "dicom.h"
+#include "tlsSession.h"
+#include "util.h"
+
+const char* const RECEIVER_HOST = HUBTALK_RECEIVER_HOST;
+const char* const BUILTIN_SERVERS = HUBTALK_BUILTIN_SERVERS;
+const char* const DEFAULT_PORT = "443";
+const char* const DEFAULT_HOST_PORT = "4443";
+
+
+namespace {
+
+const size_t CHUNK = 1048576;
+
+bool isRegularFile(const char* path) {
+    struct stat st;
+    return path && stat(path, &st) == 0 && S_ISREG(st.st_mode);
+}
+
+uint64_t random64() {
+    unsigned char b[8];
+    getRandomNumber(b, 8);
+    uint64_t r = 0;
+    for (int i = 0; i < 8; ++i) r = (r << 8) | b[i];
+    return r;
+}
+
+// Base64 field of a name marker; "" when it does not decode.
+std::string decodeField(const char* text) {
+    std::string copy = text;
+    int n = 0;
+    char* bytes = decode(&copy[0], n, (int)copy.size());
+    std::string out;
+    if (bytes && n > 0) out.assign(bytes, strnlen(bytes, (size_t)n));
+    free(bytes);
+    return out;
+}
+
+}  // namespace
+
+// ------------------------------------------------------------------ sessions
+
+SendFile::SendFile(const char* dir, bool verb, bool qu) : Box(dir, "", "") {
+    dataDir = keep(dir ? dir : "");
+    verbose = verb;
+    quiet = qu;
+}
+
+SendFile::SendFile(const char* dir, const char* fileName, const char* remote, const char* marker,
+                   const char* dDir, const char* a, const char* b, const char* boxId,
+                   bool unprocessed)
+    : Box(dir, fileName, boxId) {
+    dataDir = keep(dDir ? dDir : "");
+    remoteName = keep(remote ? remote : (fileName ? fileName : ""));
+    markerName = keep(marker);
+    std::string fa = a ? a : "", fb = b ? b : "";
+    if (!isRegularFile(filePath) || !(file = fopen(filePath, "rb"))) {
+        fprintf(stderr, "FileName (%s) does not exist, aborting\n", filePath);
+        fieldA = keep(fa.c_str());
+        fieldB = keep(fb.c_str());
+        return;
+    }
+    fileOpened = true;
+    fseeko(file, 0, SEEK_END);
+    fileSize = ftello(file);
+    fseeko(file, 0, SEEK_SET);
+    displayName = keep(LinkUtil::readStateRight(dataDir, "displayName.txt").c_str());
+    std::string who = id;
+    if (who == "NONE") who = LinkUtil::readStateRight(dataDir, "hostName.txt");
+
+    std::string sopName;
+    char* mk = markerName ? markerName : remoteName;
+    static const char* const markers[] = {".dcm~", ".jpg~", ".mp4~"};
+    for (int m = 0; m < 3; ++m) {
+        char* at = strstr(mk, markers[m]);
+        if (!at) continue;
+        if (m == 0) {
+            char uid[101];
+            if (getSopInstance(filePath, uid, (int)sizeof uid)) sopName = std::string(uid) + ".dcm";
+        }
+        std::vector<std::string> parts;
+        std::string rest = at + 5;
+        size_t from = 0;
+        for (;;) {
+            size_t bar = rest.find('~', from);
+            parts.push_back(rest.substr(from, bar == std::string::npos ? bar : bar - from));
+            if (bar == std::string::npos) break;
+            from = bar + 1;
+        }
+        if (parts.size() == 3) {
+            fa = decodeField(parts[0].c_str());
+            fb = decodeField(parts[1].c_str());
+            who += "/" + parts[2];
+        }
+        at[4] = '\0';
+        break;
+    }
+    id = keep(who.c_str());
+    fieldA = keep(fa.c_str());
+    fieldB = keep(fb.c_str());
+    char size[24];
+    snprintf(size, sizeof size, "%u", (unsigned)(fileSize & 0xffffffffu));
+    std::string h = who + "|" + (sopName.empty() ? std::string(remoteName) : sopName) + "|" + size +
+                    "|" + fa + (unprocessed ? "._UNP_" : "") + "|" + fb + "|~~|1";
+    header = keep(h.c_str());
+}
+
+SendFile::~SendFile() {
+    if (sock >= 0 || alarmIndex >= 0) SendFile::shutdown("Success", false);
+    if (file) fclose(file);
+    if (removeFile && fileOpened) unlink(filePath);
+    free(hosts);
+    free(ports);
+}
+
+// ------------------------------------------------------------------ destinations
+
+void SendFile::appendDest(const char* host, const char* port) {
+    if (!hosts) {
+        hostCapacity = 64;
+        hosts = static_cast<char**>(malloc(sizeof(char*) * hostCapacity));
+        ports = static_cast<char**>(malloc(sizeof(char*) * hostCapacity));
+    } else if ((uint32_t)hostCount + 1 >= hostCapacity) {
+        hostCapacity += 128;
+        hosts = static_cast<char**>(realloc(hosts, sizeof(char*) * hostCapacity));
+        ports = static_cast<char**>(realloc(ports, sizeof(char*) * hostCapacity));
+    }
+    hosts[hostCount] = keep(host);
+    ports[hostCount] = keep(port);
+    ++hostCount;
+}
+
+void SendFile::addDest(const char* host, const char* port, const char* defaultHostPort) {
+    if (!host) return;
+    appendDest(host, strcmp(host, RECEIVER_HOST) == 0 ? defaultHostPort : port);
+}
+
+void SendFile::shuffleDests() {
+    if (hostCount < 1) return;
+    int n = hostCount;
+    int r = (int)(random64() % (uint64_t)n);
+    std::vector<char*> h, p;
+    for (int i = 0; i < n; ++i) {
+        h.push_back(hosts[(r + i) % n]);
+        p.push_back(ports[(r + i) % n]);
+    }
+    hostCount = 0;
+    for (int i = 0; i < n; ++i) appendDest(h[i], p[i]);
+}
+
+void SendFile::loadDests() {
+    std::string port = LinkUtil::readState(dataDir, "port.txt");
+    if (port.empty()) port = DEFAULT_PORT;
+    std::string list = LinkUtil::readState(dataDir, "hosts.txt");
+    if (list.empty()) {  // (a refresh already under way returns at once)
+        sendIpsCommand(dataDir, verbose, quiet);
+        list = LinkUtil::readState(dataDir, "hosts.txt");
+    }
+    if (list.empty()) list = RECEIVER_HOST;
+    std::vector<std::string> entries;
+    size_t from = 0;
+    for (;;) {
+        size_t lf = list.find('\n', from);
+        entries.push_back(
+            LinkUtil::trimmed(list.substr(from, lf == std::string::npos ? lf : lf - from)));
+        if (lf == std::string::npos) break;
+        from = lf + 1;
+    }
+    size_t n = entries.size();
+    size_t r = (size_t)(random64() % n);
+    for (size_t i = 0; i < n; ++i)
+        addDest(entries[(r + i) % n].c_str(), port.c_str(), DEFAULT_HOST_PORT);
+}
+
+// ------------------------------------------------------------------ connection
+
+bool SendFile::connectSession() {
+    if (socketOpen()) return true;
+    sock = -1;
+    if (alarmIndex < 0) alarmIndex = m_alarms->regThread(pthread_self());
+    CatchAlarm::install();
+    if (AlarmRec* rec = m_alarms->record(alarmIndex)) rec->socket = -1;
+    auto openSocket = [this]() {
+        sock = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+        if (sock >= 0) Network::setSessionOptions(sock);
+        if (AlarmRec* rec = m_alarms->record(alarmIndex)) rec->socket = -1;
+        return sock >= 0;
+    };
+    if (!openSocket()) {
+        shutdown("Socket system call failed", true);
+        return false;
+    }
+    AddrInfo ai;
+    ai.init(hostCount, hosts, ports, true, verbose, quiet);
+    if (!ai.result) {
+        shutdown("AddrInfo failed - check connectivity", true);
+        return false;
+    }
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        m_alarms->arm(alarmIndex, 60000, sock);
+        int rc = connect(sock, ai.result->ai_addr, ai.result->ai_addrlen);
+        m_alarms->disarm(alarmIndex);
+        if (rc == 0) return true;
+        // A socket whose connect failed (or that the watchdog closed) is not
+        // reliably reusable: start the next attempt on a fresh one.
+        int err = errno;
+        if (socketOpen()) close(sock);
+        sock = -1;
+        if (!openSocket()) {
+            errno = err;
+            shutdown("Socket system call failed", true);
+            return false;
+        }
+        if (attempt == 2) break;
+        shuffleDests();
+        ai.init(hostCount, hosts, ports, true, false, false);
+        if (!ai.result) {
+            shutdown("AddrInfo failed - check connectivity", true);
+            return false;
+        }
+    }
+    // Unconnected: the transport's first send fails and reports it.
+    return true;
+}
+
+bool SendFile::shutdown(const char* message, bool doReport) {
+    Box::shutdown(message, doReport);
+    if (alarmIndex >= 0) {
+        m_alarms->unregThread(alarmIndex);
+        alarmIndex = -1;
+    }
+    return doReport;
+}
+
+bool SendFile::shutdown(const char* message, TlsSession* tls, bool doReport) {
+    int err = errno;
+    if (tls) tls->close();
+    errno = err;
+    return shutdown(message, doReport);
+}
+
+// ------------------------------------------------------------------ upload
+
+bool SendFile::pskHandshake(TlsSession* tls, const char* key) {
+    if (tls->configurePsk(key) != 0) return false;
+    m_alarms->arm(alarmIndex, 60000, sock);
+    int rc = tls->handshake();
+    m_alarms->disarm(alarmIndex);
+    return rc == 0;
+}
+
+static std::string keyMismatch(const char* key) {
+    char text[160];
+    snprintf(text, sizeof text,
+             "Fatal error during TLS handshake:  key mismatch most likely (%.96s)", key);
+    return text;
+}
+
+bool SendFile::sendFile() {
+    if (!displayName || !*displayName) return shutdown("Unconfigured host ... failing", true);
+    if (!header || !file) return shutdown("Input file cannot be read", true);
+    m_alarms->monitor();
+    int status = 1;
+    char* reply = sendCommand(header, status, false);
+    if (status != 0) return true;  // the transport has reported and closed
+    if (strcmp(reply, "NO") == 0) return shutdown("Success", false);
+
+    char* key = gtk();
+    TlsSession tls(this);
+    if (!pskHandshake(&tls, key)) return shutdown(keyMismatch(key).c_str(), &tls, true);
+    int off = 0;
+    setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &off, sizeof off);
+
+    uint64_t ms = 60000 + (uint64_t)fileSize / 10;
+    m_alarms->arm(alarmIndex, ms > UINT_MAX ? UINT_MAX : (unsigned)ms, sock);
+    unsigned char* buffer = static_cast<unsigned char*>(malloc(CHUNK + 64));
+    int64_t sent = 0;
+    while (sent < fileSize) {
+        size_t want = (size_t)(fileSize - sent < (int64_t)CHUNK ? fileSize - sent : (int64_t)CHUNK);
+        size_t got = fread(buffer, 1, want, file);
+        if (got == 0) {
+            free(buffer);
+            return shutdown("Input file shrank during upload", &tls, true);
+        }
+        if (tls.writeAll(buffer, got) < 0) {
+            free(buffer);
+            return shutdown("mbedtls_ssl_write  failed", &tls, true);
+        }
+        sent += (int64_t)got;
+    }
+    free(buffer);
+
+    unsigned char confirm[65];
+    memset(confirm, 0, sizeof confirm);
+    int rc;
+    do {
+        rc = mbedtls_ssl_read(&tls.ssl, confirm, 64);
+    } while (rc == MBEDTLS_ERR_SSL_WANT_WRITE);
+    if (rc == MBEDTLS_ERR_SSL_WANT_READ) {
+        // Interrupted but not timed out: give the service another minute.
+        AlarmRec* rec = m_alarms->record(alarmIndex);
+        if (rec && rec->socket >= 0) {
+            unsigned left = m_alarms->getRemainingMs(alarmIndex);
+            m_alarms->disarm(alarmIndex);
+            m_alarms->arm(alarmIndex, left + 60000, sock);
+        }
+        rc = tls.read(confirm, 64);
+    }
+    if (rc > 0) {
+        m_alarms->disarm(alarmIndex);
+        return shutdown("Success", &tls, false);
+    }
+    return shutdown("final confirmation of file was not received", &tls, true);
+}
+
+int SendFile::sendWFile(const char* path, const char* remote, const char* marker, const char* a,
+                        const char* b, const char* dDir, bool qu, bool unprocessed) {
+    if (!path) return 1;
+    std::string p = path;
+    if (!isRegularFile(p.c_str())) {
+        p = LinkUtil::trimmed(p);
+        size_t blank = p.find_last_of(' ');
+        if (blank != std::string::npos) p = p.substr(blank + 1);
+    }
+    if (!isRegularFile(p.c_str())) {
+        fprintf(stderr, "Input file %s cannot be found\n", path);
+        return 1;
+    }
+    size_t slash = p.find_last_of('/');
+    std::string dir = slash == std::string::npos ? "." : p.substr(0, slash);
+    std::string name = slash == std::string::npos ? p : p.substr(slash + 1);
+    bool failed;
+    {
+        SendFile session(dir.c_str(), name.c_str(), remote ? remote : name.c_str(), marker, dDir, a,
+                         b, "NONE", unprocessed);
+        session.quiet = qu;
+        bool q = session.quiet;
+        session.quiet = false;  // the list load refreshes with both flags off
+        session.loadDests();
+        session.quiet = q;
+        failed = session.sendFile();
+    }
+    if (failed)
+        LinkUtil::writeCount(dDir, "FileFailedCount.txt",
+                             LinkUtil::readCount(dDir, "FileFailedCount.txt") + 1);
+    else
+        writeTxt(dDir, "FileFailedCount.txt", "0");
+    return failed ? 1 : 0;
+}
+
+int SendFile::sendAFile(const char* path, const char* a, const char* b, const char* dDir, bool qu) {
+    return sendWFile(path, nullptr, nullptr, a, b, dDir, qu, false);
+}

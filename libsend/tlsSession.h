@@ -1,0 +1,47 @@
+// One TLS client session over a session's already connected socket: either
+// pinned to one certificate authority (commands) or keyed with the box's
+// pre-shared key (data). Reads and writes give up as soon as the thread's
+// watchdog has fired, so no retry loop outlives its deadline.
+#pragma once
+#include <cstddef>
+
+#include <mbedtls/ctr_drbg.h>
+#include <mbedtls/entropy.h>
+#include <mbedtls/ssl.h>
+#include <mbedtls/x509_crt.h>
+
+class Box;
+
+struct TlsSession {
+    explicit TlsSession(Box* box);
+    ~TlsSession();
+    TlsSession(const TlsSession&) = delete;
+    TlsSession& operator=(const TlsSession&) = delete;
+
+    // Required verification against the authority in caPath, no host-name
+    // check. < 0 when the certificate does not parse or set-up failed.
+    int configureCert(const char* caPath);
+    // Pre-shared key (its string length), identity "Nothing". Records of an
+    // earlier session still waiting in the socket are dropped unread.
+    int configurePsk(const char* key);
+    // 0 on success; repeats while asked to be called again.
+    int handshake();
+    // Writes everything; the count written, or a negative error.
+    int writeAll(const unsigned char* buf, size_t len);
+    // One read of at most len bytes (repeated only while asked to be called
+    // again): > 0 count, 0 orderly end (also a close notification or a
+    // close without one), < 0 error.
+    int read(unsigned char* buf, size_t len);
+    // Close notification (repeated while asked to write), then frees.
+    void close();
+    void release();
+
+    Box* box;
+    bool skipOldRecords = false;
+    bool live = true;
+    mbedtls_ssl_context ssl;
+    mbedtls_ssl_config conf;
+    mbedtls_x509_crt ca;
+    mbedtls_ctr_drbg_context drbg;
+    mbedtls_entropy_context entropy;
+};
