@@ -1,10 +1,10 @@
-#include <unistd.h>
-
 #include <cstdio>
 #include <cstdlib>
 
 #include "exception.h"
+#include "mainLoop.h"
 #include "options.h"
+#include "registration.h"
 #include "roles.h"
 #include "settings.h"
 #include "startup.h"
@@ -18,10 +18,9 @@ int main(int argc, char** argv) {
         }
         StartOptions options;
         parseOptions(argc, argv, options);
-        bool mustRegister = prepareStart(options);
-        (void)mustRegister;  // registration with the service comes with the cloud link
+        if (prepareStart(options)) registerBox(dataDir);
         startRoleThreads();
-        for (;;) pause();  // the main loop takes over this thread once it exists
+        loop_proc();
     } catch (const MorvaExceptionTop& e) {
         // Already logged when it was described.
         return 1;

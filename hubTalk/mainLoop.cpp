@@ -1,0 +1,106 @@
+#include "mainLoop.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <string>
+
+#include "files.h"
+#include "processResults.h"
+#include "sendFile.h"
+#include "settings.h"
+#include "startup.h"
+
+namespace {
+
+// Appends within the query's bound; whatever does not fit is dropped.
+void append(char* query, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void append(char* query, const char* format, ...) {
+    size_t used = strlen(query);
+    if (used + 1 >= HEARTBEAT_QUERY_SIZE) return;
+    va_list args;
+    va_start(args, format);
+    vsnprintf(query + used, HEARTBEAT_QUERY_SIZE - used, format, args);
+    va_end(args);
+}
+
+// readTrimmed hands out ring memory: keep a copy.
+std::string stateText(const char* dir, const char* name) { return readTrimmed(dir, name); }
+
+std::string versionText(const char* dir, const char* name) {
+    std::string v = stateText(dir, name);
+    return v.empty() ? "0" : v;
+}
+
+// Sleeps the whole time even when a signal cuts the sleep short.
+unsigned sleepFully(unsigned seconds) {
+    struct timespec left = {static_cast<time_t>(seconds), 0};
+    while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+    }
+    return 0;
+}
+
+}  // namespace
+
+char* heartbeatQuery(const char* dir, const char* internalIp, char* query) {
+    query[0] = '\0';
+    std::string hubTalkVer = versionText(dir, "hubTalkVer.txt");
+    std::string storescpVer = versionText(dir, "storescpVer.txt");
+    std::string dicomDicVer = versionText(dir, "dicomDicVer.txt");
+    std::string fqdn = stateText(dir, "hostName.txt");
+    std::string port = stateText(dir, "scpPort.txt");
+    std::string parent = stateText(dir, "CLIENTVP6.txt");
+
+    append(query, "version=%.16s-%.16s-%.16s", hubTalkVer.c_str(), storescpVer.c_str(),
+           dicomDicVer.c_str());
+    append(query, "&fqdn=%.64s", fqdn.c_str());
+    append(query, "&intip=%.64s", internalIp ? internalIp : "");
+    append(query, "&port=%.16s", port.c_str());
+    if (!parent.empty()) append(query, "&parent=%.32s", parent.c_str());
+    append(query, "&bcpid=%d", static_cast<int>(getpid()));
+    if (EmbedType[0]) append(query, "&embedded_type=%.*s", static_cast<int>(sizeof EmbedType), EmbedType);
+    if (applications1[0]) append(query, "&applications=%s", applications1);
+    if (applications2[0]) append(query, "%s", applications2);
+    append(query, "&os=%s", "OS X");
+    return query;
+}
+
+unsigned loopSleepSeconds(int period) {
+    if (period < 3) period = 3;
+    return static_cast<unsigned>(period / 3);
+}
+
+void loopCycle(const char* dir, unsigned (*pause)(unsigned)) {
+    char internalIp[256];
+    get_intip(internalIp, sizeof internalIp);
+    writeTxt(dir, "internalIp.txt", internalIp);
+
+    char query[HEARTBEAT_QUERY_SIZE];
+    heartbeatQuery(dir, internalIp, query);
+
+    // Only a process whose error stream already goes to its file stays quiet.
+    SendFile::sendIpsCommand(dir, VERBOSE, nonZeroFile(dir, "stderr.bc.txt") ? QUIET : false);
+    unsigned third = loopSleepSeconds(sleepTime);
+    pause(third);
+
+    int status = 0;
+    const char* reply = SendFile::sendHeartbeatCommand(dir, status, query, VERBOSE, QUIET);
+    if (reply && *reply) {
+        std::string copy(reply);  // the ring may wrap while the reply is processed
+        processResults(dir, copy.c_str());
+    }
+    pause(third);
+
+    std::string failures = stateText(dir, "ErrorFile.txt");
+    if (strtol(failures.c_str(), nullptr, 10) > 0) SendFile::sendFailureCommand(dir, VERBOSE, QUIET, 0);
+    pause(third);
+}
+
+void loop_proc() {
+    for (;;) loopCycle(dataDir, sleepFully);
+}

@@ -1,0 +1,172 @@
+#include "processResults.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "files.h"
+#include "keyValues.h"
+#include "memory.h"
+#include "selfUpdate.h"
+#include "settings.h"
+#include "text.h"
+#include "util.h"
+
+char applications2[800];
+
+namespace {
+
+const char* const HEARTBEAT = "heartbeat";
+const size_t DESCRIPTION_BOUND = 400;
+
+// Flag files this program creates hold "heartbeat"; anything else was put
+// there by a person.
+void createFlag(const char* dir, const char* name) {
+    if (!fileExists(dir, name)) writeTxt(dir, name, HEARTBEAT);
+}
+
+bool ownFlag(const char* dir, const char* name) { return strcmp(readTrimmed(dir, name), HEARTBEAT) == 0; }
+
+void removeOwnFlag(const char* dir, const char* name) {
+    if (ownFlag(dir, name)) rmFile(dir, name);
+}
+
+void removeFlag(const char* dir, const char* name) {
+    if (fileExists(dir, name)) rmFile(dir, name);
+}
+
+std::string trimmedValue(const KeyValues<char>& table, const char* key, bool* present = nullptr) {
+    char* value = table.get(key);
+    if (present) *present = value != nullptr;
+    return value ? trim(value) : "";
+}
+
+void storeDisplayName(const char* dir, const std::string& name) {
+    if (name.empty()) return;
+    std::string stored = readTrimmed(dir, "displayName.txt");
+    if (stored[0] == '~') stored = Util::decrypt(stored.c_str());
+    if (name != stored) writeTxt(dir, "displayName.txt", Util::encrypt3(name.c_str()));
+}
+
+void applyOptimize(const char* dir, const std::string& c) {
+    size_t n = c.size();
+    char first = n > 0 ? c[0] : '\0';
+    char second = n > 1 ? c[1] : '\0';
+
+    if (first == 'N')
+        createFlag(dir, "noProcessing.txt");
+    else
+        removeFlag(dir, "noProcessing.txt");
+    if (first == 'O' && !fileExists(dir, "optimizePixel.txt")) {
+        removeFlag(dir, "retainPixel.txt");
+        createFlag(dir, "optimizePixel.txt");
+    }
+    if (first == 'R') createFlag(dir, "retainPixel.txt");
+    if (first == 'D' || first == 'R') removeOwnFlag(dir, "optimizePixel.txt");
+    if (first == 'D' || first == 'O') removeOwnFlag(dir, "retainPixel.txt");
+
+    if (n == 2 && second == 'A') {
+        createFlag(dir, "strict_anon.txt");
+        createFlag(dir, "ANON.txt");
+    } else {
+        removeOwnFlag(dir, "strict_anon.txt");
+    }
+    if (n == 3 && second == 'A' && c[2] == 'N') {
+        createFlag(dir, "ANON.txt");
+        if (nonZeroFile(dir, "strict_anon.txt")) writeTxt(dir, "NS.txt", HEARTBEAT);
+    } else if (nonZeroFile(dir, "NS.txt")) {
+        rmFile(dir, "NS.txt");
+    }
+    if ((n >= 2 && second != 'A') || n == 1) removeFlag(dir, "ANON.txt");
+}
+
+void recomputeFlags(const char* dir, const std::string& c) {
+    anonExport = _anonExport;
+    pixelProcessing = _pixelProcessing;
+    pixelProcessingRetain = _pixelProcessingRetain;
+    if (nonZeroFile(dir, "ANON.txt"))
+        anonExport = true;
+    else if (_anonExport && c.size() >= 2 && c[1] == 'Y')
+        anonExport = false;
+
+    if (nonZeroFile(dir, "noProcessing.txt")) {
+        anonExport = pixelProcessing = pixelProcessingRetain = false;
+    } else if (nonZeroFile(dir, "retainPixel.txt")) {
+        pixelProcessingRetain = true;
+        pixelProcessing = false;
+    } else if (nonZeroFile(dir, "optimizePixel.txt")) {
+        pixelProcessing = true;
+        pixelProcessingRetain = false;
+    }
+}
+
+void describe(const char* format, ...) __attribute__((format(printf, 1, 2)));
+void describe(const char* format, ...) {
+    size_t used = strlen(applications2);
+    if (used + 1 >= DESCRIPTION_BOUND) return;
+    va_list args;
+    va_start(args, format);
+    vsnprintf(applications2 + used, DESCRIPTION_BOUND - used, format, args);
+    va_end(args);
+}
+
+void rebuildDescription(const char* dir) {
+    if (!viewpointDir[0] || HL7_inputDir[0] || (EMR_INTF != EMR_NONE && EMR_INTF != EMR_HL7FILE)) return;
+    applications2[0] = '\0';
+    if (anonExport) {
+        describe(", anonymization for export");
+        bool nonStrict = !nonZeroFile(dir, "strict_anon.txt") || nonZeroFile(dir, "NS.txt");
+        describe("%s", nonStrict ? " (non-strict," : " (strict,");
+        describe("%s", pixelProcessing ? "optimized)" : "original)");
+    } else if (pixelProcessing) {
+        describe(", Sundel Image Processing");
+    } else if (pixelProcessingRetain) {
+        describe(", Sundel Image Processing + Retain original Pixel Data");
+    } else {
+        describe(", No Sundel Image Processing");
+    }
+    if (anonExport || pixelProcessing || pixelProcessingRetain) describe(", %d workers", NUM_WORKERS);
+}
+
+std::string offeredVersion(const KeyValues<char>& table, const char* key) {
+    std::string v = trimmedValue(table, key);
+    return v.empty() ? "0" : v;
+}
+
+}  // namespace
+
+int processResults(const char* dir, const char* reply) {
+    Memory memory;
+    KeyValues<char> table(64, 4096);
+    int count = 0;
+    char** items = Util::split(reply, '&', &count, &memory);
+    for (int i = 0; i < count; ++i) {
+        char* item = items[i];
+        char* value = strchr(item, '=');
+        if (value)
+            *value++ = '\0';
+        else
+            value = item + strlen(item);
+        table.addKeyValue(item, value);
+    }
+
+    storeDisplayName(dir, trimmedValue(table, "display_name"));
+
+    std::string account = trimmedValue(table, "acct");
+    if (EMR_INTF != EMR_NONE && !account.empty()) writeTxt(dir, "acct.txt", Util::encrypt(account.c_str()));
+
+    bool present = false;
+    std::string code = trimmedValue(table, "optimize", &present);
+    if (!present) code = "D";
+    applyOptimize(dir, code);
+    recomputeFlags(dir, code);
+    rebuildDescription(dir);
+
+    OfferedVersions offered;
+    offered.hubTalk = offeredVersion(table, "hubTalkVer");
+    offered.storescp = offeredVersion(table, "storescpVer");
+    offered.dicomDic = offeredVersion(table, "dicomDicVer");
+    if (selfUpdateDue()) runSelfUpdate(dir, offered);
+    return 0;
+}

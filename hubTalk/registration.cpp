@@ -1,0 +1,32 @@
+#include "registration.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "files.h"
+#include "memory.h"
+#include "processResults.h"
+#include "sendFile.h"
+#include "settings.h"
+#include "text.h"
+
+void registerBox(const char* dir) {
+    SendFile::sendIpsCommand(dir, VERBOSE, QUIET);
+    int rc = 0;
+    char* reply = SendFile::sendInitCommand(dir, rc, nullptr, VERBOSE, QUIET);
+    // The reply lives in the ring; keep a copy while the version files are written.
+    char* kept = strdup(reply ? reply : "");
+    if (!fileExists(dir, "hubTalkVer.txt")) {
+        time_t now = time(nullptr);
+        struct tm utc;
+        gmtime_r(&now, &utc);
+        char version[32];
+        strftime(version, sizeof version, "%Y%m%d:%H", &utc);
+        writeTxt(dir, "hubTalkVer.txt", version);
+        writeTxt(dir, "storescpVer.txt", version);
+        writeTxt(dir, "dicomDicVer.txt", version);
+    }
+    if (*trim(kept)) processResults(dir, kept);
+    free(kept);
+}

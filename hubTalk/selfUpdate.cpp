@@ -1,0 +1,129 @@
+#include "selfUpdate.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "buildConfig.h"
+#include "files.h"
+#include "settings.h"
+#include "text.h"
+
+namespace {
+
+const char* const DEFAULT_INSTALLATION_DIR = "/Applications/Varnesk_Sundel/bin";
+const int UPDATE_EVERY = 19;
+
+int updateCount = 1;
+
+std::string downloadUrl(const char* path) {
+    std::string base = HUBTALK_DOWNLOAD_BASE;
+    while (!base.empty() && base.back() == '/') base.pop_back();
+    return base + path;
+}
+
+// Exit status of "<tool> <url> <target>"; 0 means the target was written.
+int download(const std::string& installDir, const char* path, const std::string& target) {
+    std::string tool = installDir + "/download";
+    std::string url = downloadUrl(path);
+    char* quotedTool = shellQuote(tool.c_str());
+    char* quotedUrl = shellQuote(url.c_str());
+    char* quotedTarget = shellQuote(target.c_str());
+    std::string command = std::string(quotedTool) + " " + quotedUrl + " " + quotedTarget;
+    free(quotedTool);
+    free(quotedUrl);
+    free(quotedTarget);
+    return system(command.c_str());
+}
+
+std::string installedVersion(const char* dataDir, const char* name) {
+    std::string v = readTrimmed(dataDir, name);
+    return v.empty() ? "0" : v;
+}
+
+// Puts the downloaded "<current>.NEW" in place, keeping the old file as
+// "<current>.SV"; a failed second move brings the old file back.
+bool replaceExecutable(const std::string& current) {
+    std::string fresh = current + ".NEW";
+    std::string saved = current + ".SV";
+    chmod(fresh.c_str(), 0755);
+    unlink(saved.c_str());
+    if (mvFile(current.c_str(), saved.c_str()) != 0) return false;
+    if (mvFile(fresh.c_str(), current.c_str()) != 0) {
+        mvFile(saved.c_str(), current.c_str());
+        return false;
+    }
+    return true;
+}
+
+// Returns false when the check must end here.
+bool updateDictionary(const char* dataDir, const std::string& installDir, const std::string& offered) {
+    std::string installed = installedVersion(dataDir, "dicomDicVer.txt");
+    if (!isNewerVersion(offered.c_str(), installed.c_str())) return true;
+    std::string target = std::string(dataDir) + "/dicom.NEW.dic";
+    if (download(installDir, "/varnesk_sundel/pieces/dicom.dic", target) != 0) return false;
+    char* text = readTxt(dataDir, "dicom.NEW.dic");
+    std::string content = text;
+    if (text != EMPTY_TEXT) free(text);
+    std::string trimmed = content;
+    if (*trim(&trimmed[0])) {
+        writeTxt(dataDir, "dicom.dic", content.c_str());
+        writeTxt(dataDir, "dicomDicVer.txt", offered.c_str());
+        rmFile(dataDir, "dicom.NEW.dic");
+    }
+    return true;
+}
+
+bool updateReceiver(const char* dataDir, const std::string& installDir, const std::string& offered) {
+    std::string installed = installedVersion(dataDir, "storescpVer.txt");
+    std::string name = std::string(PRE) + "storescp";
+    if (!isNewerVersion(offered.c_str(), installed.c_str()) ||
+        !nonZeroFile(installDir.c_str(), name.c_str()))
+        return true;
+    std::string current = installDir + "/" + name;
+    if (download(installDir, "/varnesk_sundel/piecesX/storescp", current + ".NEW") != 0) return false;
+    if (!replaceExecutable(current)) return false;
+    writeTxt(dataDir, "storescpVer.txt", offered.c_str());
+    return true;
+}
+
+void updateProgram(const char* dataDir, const std::string& installDir, const std::string& offered) {
+    std::string installed = installedVersion(dataDir, "hubTalkVer.txt");
+    if (!isNewerVersion(offered.c_str(), installed.c_str())) return;
+    std::string current = installDir + "/" + PRE + "hubTalk";
+    if (download(installDir, "/varnesk_sundel/piecesX/hubTalk", current + ".NEW") != 0) return;
+    if (!replaceExecutable(current)) return;
+    writeTxt(dataDir, "hubTalkVer.txt", offered.c_str());
+    sleep(1);
+    exit(1);
+}
+
+}  // namespace
+
+bool selfUpdateDue() {
+    if (!UPDATE) return false;
+    if (++updateCount <= UPDATE_EVERY) return false;
+    updateCount = 1;
+    return true;
+}
+
+void resetSelfUpdateCount() { updateCount = 1; }
+
+std::string installationDir() {
+    if (!strchr(PREFIX, '/')) return DEFAULT_INSTALLATION_DIR;
+    return PROCESS_DIR[0] ? PROCESS_DIR : "/";
+}
+
+bool isNewerVersion(const char* offered, const char* installed) {
+    if (!offered || !*offered || strcmp(offered, "0") == 0) return false;
+    return strcmp(offered, installed ? installed : "") > 0;
+}
+
+void runSelfUpdate(const char* dataDir, const OfferedVersions& offered) {
+    std::string installDir = installationDir();
+    if (!updateDictionary(dataDir, installDir, offered.dicomDic)) return;
+    if (!updateReceiver(dataDir, installDir, offered.storescp)) return;
+    updateProgram(dataDir, installDir, offered.hubTalk);
+}

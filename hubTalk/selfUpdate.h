@@ -1,0 +1,31 @@
+// Self-update of the DICOM dictionary, the DICOM receiver and the program,
+// offered by the service in its replies. Files come from the download server
+// through the companion "download" tool of the installation directory, run
+// as "<tool> <url> <target>"; exit status 0 means the target was written.
+#pragma once
+#include <string>
+
+// Newest versions the service offers; "0" means none.
+struct OfferedVersions {
+    std::string hubTalk;
+    std::string storescp;
+    std::string dicomDic;
+};
+
+// Counts the calls while UPDATE is on: true on every nineteenth (the first
+// eighteen of a process never are).
+bool selfUpdateDue();
+// Back to the count of a freshly started process.
+void resetSelfUpdateCount();
+
+// Where the program was started from (PROCESS_DIR when PREFIX holds a "/"),
+// else the standard installation directory.
+std::string installationDir();
+
+// True when the offered version sorts byte-wise after the installed one and is not "0".
+bool isNewerVersion(const char* offered, const char* installed);
+
+// Dictionary, then receiver, then program; a failed download or move ends
+// the check. After the program was replaced: sleeps 1 s and exits with
+// status 1, so that the supervising parent starts the new one.
+void runSelfUpdate(const char* dataDir, const OfferedVersions& offered);
