@@ -1,13 +1,14 @@
 // Data pushed by the service after a command: the reply announces the size,
 // the bytes follow over a pre-shared-key session on the same connection.
+#include <strings.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
-#include <strings.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include "linkUtil.h"
 #include "morvaAlarms.h"
@@ -54,7 +55,10 @@ char* SendFile::sendClientReceive(const char* command, int& status, ClientReceiv
     }
     status = 1;
     char* key = gtk();
-    TlsSession tls(this);
+    // On the heap: the entropy context alone is ~38 KiB, and listener workers
+    // run on 64 KiB stacks.
+    auto session = std::make_unique<TlsSession>(this);
+    TlsSession& tls = *session;
     if (!pskHandshake(&tls, key)) {
         char text[160];
         snprintf(text, sizeof text,

@@ -1,9 +1,10 @@
 // The two command transports: TLS pinned to the service's authority, and the
 // enciphered clear form.
+#include <sys/socket.h>
 #include <cerrno>
 #include <cstring>
+#include <memory>
 #include <string>
-#include <sys/socket.h>
 
 #include "linkUtil.h"
 #include "morvaAlarms.h"
@@ -46,7 +47,10 @@ char* SendFile::sendCommandCert(const char* command, int& status, bool readAll) 
     }
 
     std::string caPath = std::string(dataDir ? dataDir : ".") + "/sundel.crt";
-    TlsSession tls(this);
+    // On the heap: the entropy context alone is ~38 KiB, and listener workers
+    // run on 64 KiB stacks.
+    auto session = std::make_unique<TlsSession>(this);
+    TlsSession& tls = *session;
     int rc = tls.configureCert(caPath.c_str());
     if (rc < 0) {
         shutdown("certificate does not parse\n", &tls, true);

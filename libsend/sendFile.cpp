@@ -2,17 +2,18 @@
 // the file upload.
 #include "sendFile.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <pthread.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <pthread.h>
+#include <memory>
 #include <string>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <vector>
 
 #include "buildConfig.h"
@@ -290,7 +291,10 @@ bool SendFile::sendFile() {
     if (strcmp(reply, "NO") == 0) return shutdown("Success", false);
 
     char* key = gtk();
-    TlsSession tls(this);
+    // On the heap: the entropy context alone is ~38 KiB, and listener workers
+    // run on 64 KiB stacks.
+    auto session = std::make_unique<TlsSession>(this);
+    TlsSession& tls = *session;
     if (!pskHandshake(&tls, key)) return shutdown(keyMismatch(key).c_str(), &tls, true);
     int off = 0;
     setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &off, sizeof off);

@@ -1,0 +1,24 @@
+// JSON requests on the local listener: the client sends one object and reads
+// the answer until the connection closes. Answers carry no terminator.
+//
+//   request_type "shutdown"   -> "success", "SHUTDOWN.txt" = "done", exit 0
+//   request_type "ping"       -> "success"
+//   request_type "DICOM send" -> "success"/"failure" of the upload of the file
+//                                named at the end of the request text
+//   anything else             -> the service's reply byte for byte, "error"
+//                                when it is empty; then a heartbeat so that
+//                                the service can set the agent right
+//   not JSON                  -> "error"
+// Request types match without regard to case.
+#pragma once
+
+struct ListenerConnection;
+
+// Serves one request whose first receive (n bytes, NUL-terminated) is in
+// first, and closes the connection. Only a sharing document may continue
+// beyond the first receive.
+void handleApiRequest(ListenerConnection& conn, char* first, int n);
+
+// True when the text mentions "sharing" in double quotes: a sharing document,
+// the only request allowed to span several receives.
+bool isSharingDocument(const char* text);
