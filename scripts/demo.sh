@@ -1,23 +1,81 @@
 #!/bin/sh
-# Builds hubTalk and starts it on a sample data directory, showing what it prepares.
+# The agent against the bundled local service, with a sample data directory:
+# registration, heartbeats, a reply that sets the display name and processing
+# flags, and a ping and an HL7 message answered on the agent's local port.
 set -eu
 cd "$(dirname "$0")/.."
 ./scripts/bootstrap.sh
 cmake -S . -B build >/dev/null
-cmake --build build -j "$(nproc)" --target hubTalk
+cmake --build build -j "$(nproc)" --target hubTalk localService >/dev/null
+echo "== built hubTalk and the local service"
+
 demo="$(mktemp -d /tmp/hubtalk-demo.XXXXXX)"
-data="$demo/data"
-echo "== starting hubTalk on $data"
-./build/hubTalk/hubTalk -d "$data" -R 127.0.0.1 &
-pid=$!
-trap 'kill $pid 2>/dev/null || true' EXIT
-for _ in $(seq 1 50); do [ -s "$data/hostName.txt" ] && break; sleep 0.1; done
-echo "== data directory prepared:"
-ls -l "$data"
-echo "== identity (hostName.txt): $(cat "$data/hostName.txt")"
-echo "== pinned authority (sundel.crt):"
-openssl x509 -in "$data/sundel.crt" -noout -subject -enddate
-echo "== server list (hosts.txt): $(cat "$data/hosts.txt")"
-kill $pid
-wait $pid 2>/dev/null || true
-echo "== stopped"
+svc="$demo/service"; data="$demo/data"; export_dir="$demo/export"
+mkdir -p "$svc/boxes" "$svc/replies" "$data" "$export_dir"
+pids=""
+cleanup() { for p in $pids; do kill "$p" 2>/dev/null || true; done; wait 2>/dev/null || true; }
+trap cleanup EXIT INT TERM
+step() { printf '\n== %s\n' "$*"; }
+free_port() { python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'; }
+
+step "local service on 127.0.0.1 (config $svc)"
+./build/localService/localService --config "$svc" --port 0 >"$demo/service.out" 2>&1 &
+pids="$pids $!"
+for _ in $(seq 1 100); do [ -s "$svc/port" ] && break; sleep 0.1; done
+port="$(cat "$svc/port")"
+echo "listening on port $port"
+# The box and what the service tells it at registration and on each heartbeat.
+printf 'Demo Clinic' >"$svc/boxes/demo-box"
+printf 'display_name=Demo Clinic&optimize=OA' >"$svc/replies/heartbeat"
+printf 'display_name=Demo Clinic' >"$svc/replies/init"
+: >"$svc/commands.log"
+tail -n +1 -f "$svc/commands.log" | sed -u 's/^/   service received: /' &
+pids="$pids $!"
+
+step "sample data directory $data"
+cp build/pki/ca.crt "$data/sundel.crt"
+printf '127.0.0.1' >"$data/hosts.txt"
+printf '%s' "$port" >"$data/port.txt"
+printf 'demo-box' >"$demo/name.txt"
+ls "$data"
+
+api_port="$(free_port)"
+step "starting hubTalk: -d $data -f name.txt -V $export_dir -p $api_port -s 6 -l -v"
+./build/hubTalk/hubTalk -d "$data" -f "$demo/name.txt" -V "$export_dir" -p "$api_port" -s 6 -l -v \
+    >"$demo/agent.out" 2>"$demo/agent.err" &
+pids="$pids $!"
+
+for _ in $(seq 1 100); do grep -q '^heartbeat|' "$svc/commands.log" 2>/dev/null && break; sleep 0.1; done
+sleep 1
+step "after registration and the first heartbeat, the data directory holds:"
+for f in hostName.txt displayName.txt APIport.txt hubTalkVer.txt ANON.txt strict_anon.txt optimizePixel.txt; do
+    [ -e "$data/$f" ] && printf '   %-18s %s\n' "$f" "$(cat "$data/$f")"
+done
+echo "   (displayName.txt holds the display name in its secret encoding)"
+
+step "ping on the local port $api_port"
+python3 - "$api_port" <<'PY'
+import socket, sys
+s = socket.create_connection(("127.0.0.1", int(sys.argv[1])))
+s.sendall(b'{"request_type": "ping"}')
+answer = b""
+while True:
+    chunk = s.recv(4096)
+    if not chunk:
+        break
+    answer += chunk
+print("   answer:", answer.decode())
+PY
+
+step "HL7 message over MLLP to port $api_port"
+printf 'MSH|^~\\&|RIS|CLINIC|HUBTALK|CLINIC|20261122120000||ORU^R01|DEMO0001|P|2.3\nPID|1||12345||DOE^JANE\nOBR|1|||US^Ultrasound\n' \
+    >"$demo/message.hl7"
+mllp_send --loose -f "$demo/message.hl7" -p "$api_port" 127.0.0.1 | tr '\r' '\n' | sed 's/^/   ack: /'
+echo "   (no EMR interface is configured here, so the message is acknowledged and not kept)"
+
+step "waiting for the next heartbeat"
+n="$(grep -c '^heartbeat|' "$svc/commands.log")"
+for _ in $(seq 1 150); do [ "$(grep -c '^heartbeat|' "$svc/commands.log")" -gt "$n" ] && break; sleep 0.1; done
+grep '^heartbeat|' "$svc/commands.log" | tail -n 1 | tr '&' '\n' | grep -E 'apps2|appl' | sed 's/^/   reports: /' || true
+
+step "done; logs in $demo"
