@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -15,19 +14,10 @@
 #include "sendFile.h"
 #include "settings.h"
 #include "startup.h"
+#include "text.h"
 
 namespace {
 
-// Appends within the query's bound; whatever does not fit is dropped.
-void append(char* query, const char* format, ...) __attribute__((format(printf, 2, 3)));
-void append(char* query, const char* format, ...) {
-    size_t used = strlen(query);
-    if (used + 1 >= HEARTBEAT_QUERY_SIZE) return;
-    va_list args;
-    va_start(args, format);
-    vsnprintf(query + used, HEARTBEAT_QUERY_SIZE - used, format, args);
-    va_end(args);
-}
 
 // readTrimmed hands out ring memory: keep a copy.
 std::string stateText(const char* dir, const char* name) { return readTrimmed(dir, name); }
@@ -56,17 +46,17 @@ char* heartbeatQuery(const char* dir, const char* internalIp, char* query) {
     std::string port = stateText(dir, "scpPort.txt");
     std::string parent = stateText(dir, "CLIENTVP6.txt");
 
-    append(query, "version=%.16s-%.16s-%.16s", hubTalkVer.c_str(), storescpVer.c_str(),
+    appendf(query, HEARTBEAT_QUERY_SIZE, "version=%.16s-%.16s-%.16s", hubTalkVer.c_str(), storescpVer.c_str(),
            dicomDicVer.c_str());
-    append(query, "&fqdn=%.64s", fqdn.c_str());
-    append(query, "&intip=%.64s", internalIp ? internalIp : "");
-    append(query, "&port=%.16s", port.c_str());
-    if (!parent.empty()) append(query, "&parent=%.32s", parent.c_str());
-    append(query, "&bcpid=%d", static_cast<int>(getpid()));
-    if (EmbedType[0]) append(query, "&embedded_type=%.*s", static_cast<int>(sizeof EmbedType), EmbedType);
-    if (applications1[0]) append(query, "&applications=%s", applications1);
-    if (applications2[0]) append(query, "%s", applications2);
-    append(query, "&os=%s", "OS X");
+    appendf(query, HEARTBEAT_QUERY_SIZE, "&fqdn=%.64s", fqdn.c_str());
+    appendf(query, HEARTBEAT_QUERY_SIZE, "&intip=%.64s", internalIp ? internalIp : "");
+    appendf(query, HEARTBEAT_QUERY_SIZE, "&port=%.16s", port.c_str());
+    if (!parent.empty()) appendf(query, HEARTBEAT_QUERY_SIZE, "&parent=%.32s", parent.c_str());
+    appendf(query, HEARTBEAT_QUERY_SIZE, "&bcpid=%d", static_cast<int>(getpid()));
+    if (EmbedType[0]) appendf(query, HEARTBEAT_QUERY_SIZE, "&embedded_type=%.*s", static_cast<int>(sizeof EmbedType), EmbedType);
+    if (applications1[0]) appendf(query, HEARTBEAT_QUERY_SIZE, "&applications=%s", applications1);
+    if (applications2[0]) appendf(query, HEARTBEAT_QUERY_SIZE, "%s", applications2);
+    appendf(query, HEARTBEAT_QUERY_SIZE, "&os=%s", "OS X");
     return query;
 }
 

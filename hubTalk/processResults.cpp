@@ -1,6 +1,5 @@
 #include "processResults.h"
 
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -101,32 +100,23 @@ void recomputeFlags(const char* dir, const std::string& c) {
     }
 }
 
-void describe(const char* format, ...) __attribute__((format(printf, 1, 2)));
-void describe(const char* format, ...) {
-    size_t used = strlen(applications2);
-    if (used + 1 >= DESCRIPTION_BOUND) return;
-    va_list args;
-    va_start(args, format);
-    vsnprintf(applications2 + used, DESCRIPTION_BOUND - used, format, args);
-    va_end(args);
-}
 
 void rebuildDescription(const char* dir) {
     if (!viewpointDir[0] || HL7_inputDir[0] || (EMR_INTF != EMR_NONE && EMR_INTF != EMR_HL7FILE)) return;
     applications2[0] = '\0';
     if (anonExport) {
-        describe(", anonymization for export");
+        appendf(applications2, DESCRIPTION_BOUND, ", anonymization for export");
         bool nonStrict = !nonZeroFile(dir, "strict_anon.txt") || nonZeroFile(dir, "NS.txt");
-        describe("%s", nonStrict ? " (non-strict," : " (strict,");
-        describe("%s", pixelProcessing ? "optimized)" : "original)");
+        appendf(applications2, DESCRIPTION_BOUND, "%s", nonStrict ? " (non-strict," : " (strict,");
+        appendf(applications2, DESCRIPTION_BOUND, "%s", pixelProcessing ? "optimized)" : "original)");
     } else if (pixelProcessing) {
-        describe(", Sundel Image Processing");
+        appendf(applications2, DESCRIPTION_BOUND, ", Sundel Image Processing");
     } else if (pixelProcessingRetain) {
-        describe(", Sundel Image Processing + Retain original Pixel Data");
+        appendf(applications2, DESCRIPTION_BOUND, ", Sundel Image Processing + Retain original Pixel Data");
     } else {
-        describe(", No Sundel Image Processing");
+        appendf(applications2, DESCRIPTION_BOUND, ", No Sundel Image Processing");
     }
-    if (anonExport || pixelProcessing || pixelProcessingRetain) describe(", %d workers", NUM_WORKERS);
+    if (anonExport || pixelProcessing || pixelProcessingRetain) appendf(applications2, DESCRIPTION_BOUND, ", %d workers", NUM_WORKERS);
 }
 
 std::string offeredVersion(const KeyValues<char>& table, const char* key) {

@@ -23,10 +23,6 @@ void updateCert(const char* dir) {
     if (!nonZeroFile(dir, "sundel.crt")) writeTxt(dir, "sundel.crt", PINNED_CA_PEM);
 }
 
-static void append(char* dst, const char* text) {
-    size_t used = strlen(dst);
-    if (used + 1 < sizeof applications1) snprintf(dst + used, sizeof applications1 - used, "%s", text);
-}
 
 // Bounded formatting into a fixed buffer; cutting is the intended behaviour.
 static void formatInto(char* dst, size_t size, const char* format, ...) {
@@ -53,34 +49,34 @@ static bool makeDir(const char* path) {
 
 static void describeHl7Dirs() {
     if (!HL7_dir[0] || !applications1[0]) return;
-    append(applications1, " (");
-    append(applications1, HL7_dir);
+    appendf(applications1, sizeof applications1, "%s", " (");
+    appendf(applications1, sizeof applications1, "%s", HL7_dir);
     if (HL7_inputDir[0]) {
-        append(applications1, ", ");
-        append(applications1, HL7_inputDir);
+        appendf(applications1, sizeof applications1, "%s", ", ");
+        appendf(applications1, sizeof applications1, "%s", HL7_inputDir);
     }
     if (ShortCodeFile[0]) {
-        append(applications1, ", ");
-        append(applications1, ShortCodeFile);
+        appendf(applications1, sizeof applications1, "%s", ", ");
+        appendf(applications1, sizeof applications1, "%s", ShortCodeFile);
     }
     if (TestCodeFile[0]) {
-        append(applications1, ", ");
-        append(applications1, TestCodeFile);
+        appendf(applications1, sizeof applications1, "%s", ", ");
+        appendf(applications1, sizeof applications1, "%s", TestCodeFile);
     }
-    if (EMR_SR) append(applications1, ", SR2HL7");
-    if (EMR_PDF) append(applications1, ", REPORTCAST");
-    append(applications1, ")");
+    if (EMR_SR) appendf(applications1, sizeof applications1, "%s", ", SR2HL7");
+    if (EMR_PDF) appendf(applications1, sizeof applications1, "%s", ", REPORTCAST");
+    appendf(applications1, sizeof applications1, "%s", ")");
 }
 
 static void describeExport() {
-    if (applications1[0] && viewpointDir[0]) append(applications1, ", ");
+    if (applications1[0] && viewpointDir[0]) appendf(applications1, sizeof applications1, "%s", ", ");
     if (viewpointDir[0] && nonZeroFile(dataDir, "CLIENTVP6.txt"))
-        append(applications1, "VP6 Client");
+        appendf(applications1, sizeof applications1, "%s", "VP6 Client");
     else if (viewpointDir[0] && nonZeroFile(dataDir, "CLIENTVP6.HEAD.txt"))
-        append(applications1, "VP6 Server");
+        appendf(applications1, sizeof applications1, "%s", "VP6 Server");
     else if (viewpointDir[0] && EMR_INTF != EMR_HL7FILE)
-        append(applications1, "File-Export");
-    if (EMR_INTF == EMR_HL7FILE && !HL7_inputDir[0]) append(applications1, "(with delay)");
+        appendf(applications1, sizeof applications1, "%s", "File-Export");
+    if (EMR_INTF == EMR_HL7FILE && !HL7_inputDir[0]) appendf(applications1, sizeof applications1, "%s", "(with delay)");
 }
 
 static bool anyProcessingMode() { return anonExport || pixelProcessing || pixelProcessingRetain; }
@@ -152,9 +148,9 @@ bool prepareStart(const StartOptions& options) {
             fputs("Anonymization (-N) requires File-Export/VP6 (-V)\n", stderr);
             exit(1);
         }
-        append(applications1, " (");
-        append(applications1, viewpointDir);
-        append(applications1, ")");
+        appendf(applications1, sizeof applications1, "%s", " (");
+        appendf(applications1, sizeof applications1, "%s", viewpointDir);
+        appendf(applications1, sizeof applications1, "%s", ")");
         formatInto(qDir, sizeof qDir, "%s/Q", dataDir);
         if (!makeDir(qDir)) fail("Cannot create anon Q Dir%s\n", qDir);
     }

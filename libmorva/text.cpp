@@ -3,6 +3,7 @@
 #include <strings.h>
 
 #include <cstdlib>
+#include <cstdarg>
 #include <cstring>
 
 #include "memory.h"
@@ -381,3 +382,13 @@ char* decodeXML(char* text) {
 }
 
 }  // namespace Util
+
+char* appendf(char* buffer, size_t size, const char* format, ...) {
+    size_t used = strnlen(buffer, size);
+    if (used + 1 >= size) return buffer;
+    va_list args;
+    va_start(args, format);
+    vsnprintf(buffer + used, size - used, format, args);
+    va_end(args);
+    return buffer;
+}

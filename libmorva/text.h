@@ -29,6 +29,10 @@ const char* strrstr(const char* haystack, const char* needle);
 // True when the bytes are well-formed UTF-8.
 bool utf8_check(const char* text);
 
+// Appends formatted text to the zero-terminated buffer of the given size;
+// whatever does not fit is cut. Returns the buffer.
+char* appendf(char* buffer, size_t size, const char* format, ...) __attribute__((format(printf, 3, 4)));
+
 namespace Util {
 // Pieces at every separator (empty pieces kept). Null/"" give count 0 and null.
 char** split(const char* text, char separator, int* count, Memory* memory);
