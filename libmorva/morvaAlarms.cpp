@@ -126,8 +126,10 @@ void ThreadAlarm::monitor() {
         pthread_t t;
         if (pthread_create(&t, nullptr, doLoop, this) != 0)
             perror("pthread_create/_beginthreadex of alarm thread failed");
-        else
+        else {
+            pthread_setname_np(t, "alarm-monitor");  // findable in ps and /proc
             pthread_detach(t);
+        }
         // No second attempt after a failure: alarms then simply never fire.
         __atomic_store_n(&started, true, __ATOMIC_RELEASE);
     }
