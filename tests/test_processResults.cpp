@@ -1,13 +1,13 @@
-// Server replies turned into state: display name, account, processing flag
-// files and description, and the periodic self-update with a stand-in
-// download tool in a temporary installation directory.
+// Server replies turned into state: display name, account, processing flags
+// and description, and the self-update through a stand-in download tool.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <functional>
+#include <utility>
+#include <vector>
 
 #include "buildConfig.h"
 #include "options.h"
@@ -33,121 +33,87 @@ protected:
     std::string read(const std::string& name) { return slurp(data.file(name)); }
     bool has(const std::string& name) { return exists(data.file(name)); }
     void put(const std::string& name, const std::string& text) { spit(data.file(name), text); }
+    // The flag files there with their contents; anonExport, pixelProcessing and
+    // pixelProcessingRetain as "apr" ('-' when off); the description.
+    std::string state() {
+        std::string s;
+        for (std::string f : {"noProcessing", "optimizePixel", "retainPixel", "strict_anon", "ANON", "NS"})
+            if (has(f + ".txt")) s += f + "=" + read(f + ".txt") + " ";
+        return s + (anonExport ? "a" : "-") + (pixelProcessing ? "p" : "-") + (pixelProcessingRetain ? "r" : "-") +
+               "|" + applications2;
+    }
 
     TempDir data;
 };
 
-TEST_F(ProcessResults, OptimizeOaCreatesAnonymisingFlagsAndDescription) {
+TEST_F(ProcessResults, OptimizeCodesSetAndClearTheFlagFiles) {
+    const std::string none = "---|, No Sundel Image Processing";
+    const std::string retain = "--r|, Sundel Image Processing + Retain original Pixel Data, 2 workers";
+    const std::string anon = "|, anonymization for export (";
+    const std::vector<std::pair<const char*, std::string>> byServer = {
+        {"optimize=R", "retainPixel=heartbeat " + retain},
+        {"optimize=D", none},
+        {"optimize=R", "retainPixel=heartbeat " + retain},
+        {"optimize=OA",
+         "optimizePixel=heartbeat strict_anon=heartbeat ANON=heartbeat ap-" + anon + "strict,optimized), 2 workers"},
+        {"display_name=Front Desk", none},  // no code means "D"
+        {"optimize=YA", "strict_anon=heartbeat ANON=heartbeat a--" + anon + "strict,original), 2 workers"},
+        {"optimize=OAN", "optimizePixel=heartbeat ANON=heartbeat ap-" + anon + "non-strict,optimized), 2 workers"},
+        {"optimize=N", "noProcessing=heartbeat optimizePixel=heartbeat " + none},
+        {"optimize=D", none},
+    };
+    // Flag files a person wrote are never removed; a hand-made strict flag is
+    // marked non-strict instead.
+    const std::string hand = "optimizePixel=mine retainPixel=set by hand\n strict_anon=yes ";
+    const std::vector<std::pair<const char*, std::string>> byHand = {
+        {"optimize=D", hand + retain},
+        {"optimize=R", hand + retain},
+        {"optimize=O", hand + retain},
+        {"optimize=DAN", hand + "ANON=heartbeat NS=heartbeat a-r" + anon + "non-strict,original), 2 workers"},
+        {"optimize=DA", hand + "ANON=heartbeat a-r" + anon + "strict,original), 2 workers"},
+    };
     NUM_WORKERS = 2;
-    put("retainPixel.txt", "heartbeat");
-    reply("display_name=Front Desk&optimize=OA");
-    for (const char* flag : {"optimizePixel.txt", "strict_anon.txt", "ANON.txt"}) EXPECT_EQ(read(flag), "heartbeat") << flag;
-    EXPECT_FALSE(has("retainPixel.txt"));
-    EXPECT_FALSE(has("noProcessing.txt"));
-    EXPECT_TRUE(anonExport);
-    EXPECT_TRUE(pixelProcessing);
-    EXPECT_FALSE(pixelProcessingRetain);
-    EXPECT_STREQ(applications2, ", anonymization for export (strict,optimized), 2 workers");
-
-    // Without an optimize key the reply means "D": anonymisation ends, the
-    // optimisation the server caused ends, the description follows.
-    reply("display_name=Front Desk");
-    EXPECT_FALSE(has("ANON.txt"));
-    EXPECT_FALSE(has("optimizePixel.txt"));
-    EXPECT_FALSE(has("strict_anon.txt"));
-    EXPECT_FALSE(anonExport);
-    EXPECT_FALSE(pixelProcessing);
-    EXPECT_STREQ(applications2, ", No Sundel Image Processing");
-}
-
-TEST_F(ProcessResults, FlagFilesOfAPersonAreLeftAlone) {
-    reply("optimize=R");
-    EXPECT_EQ(read("retainPixel.txt"), "heartbeat");
-    EXPECT_TRUE(pixelProcessingRetain);
-    EXPECT_STREQ(applications2, ", Sundel Image Processing + Retain original Pixel Data, 1 workers");
-    reply("optimize=D");
-    EXPECT_FALSE(has("retainPixel.txt"));
-
+    for (const auto& step : byServer) {
+        reply(step.first);
+        EXPECT_EQ(state(), step.second) << step.first;
+    }
     put("retainPixel.txt", "set by hand\n");
     put("optimizePixel.txt", "mine");
     put("strict_anon.txt", "yes");
-    reply("optimize=D");
-    reply("optimize=R");
-    EXPECT_EQ(read("retainPixel.txt"), "set by hand\n");
-    EXPECT_EQ(read("optimizePixel.txt"), "mine");
-    EXPECT_EQ(read("strict_anon.txt"), "yes");
-    // The hand-made retain flag wins over the hand-made optimisation.
-    EXPECT_TRUE(pixelProcessingRetain);
-    EXPECT_FALSE(pixelProcessing);
-
-    // "O" finds optimizePixel.txt already there, so the retain flag stays.
-    reply("optimize=O");
-    EXPECT_EQ(read("retainPixel.txt"), "set by hand\n");
+    for (const auto& step : byHand) {
+        reply(step.first);
+        EXPECT_EQ(state(), step.second) << step.first;
+    }
 }
 
-TEST_F(ProcessResults, NoProcessingOverridesTheCommandLine) {
+TEST_F(ProcessResults, CommandLineFlagsAndWhoGetsADescription) {
     _anonExport = _pixelProcessing = true;
     reply("optimize=N");
-    EXPECT_EQ(read("noProcessing.txt"), "heartbeat");
-    EXPECT_FALSE(anonExport || pixelProcessing || pixelProcessingRetain);
-    EXPECT_STREQ(applications2, ", No Sundel Image Processing");
-
-    // Any other code removes it, whatever it holds.
+    EXPECT_EQ(state(), "noProcessing=heartbeat ---|, No Sundel Image Processing");
+    // Any other code removes it, whatever it holds; "Y" ends the command line's anonymisation.
     put("noProcessing.txt", "by hand");
     reply("optimize=DY");
-    EXPECT_FALSE(has("noProcessing.txt"));
-    EXPECT_FALSE(anonExport);  // "Y" turns off the command line's anonymisation
-    EXPECT_TRUE(pixelProcessing);
-    EXPECT_STREQ(applications2, ", Sundel Image Processing, 1 workers");
-}
+    EXPECT_EQ(state(), "-p-|, Sundel Image Processing, 1 workers");
 
-TEST_F(ProcessResults, AnonymisationVariants) {
-    reply("optimize=YA");
-    EXPECT_EQ(read("strict_anon.txt"), "heartbeat");
-    EXPECT_EQ(read("ANON.txt"), "heartbeat");
-    EXPECT_TRUE(anonExport);
-    EXPECT_STREQ(applications2, ", anonymization for export (strict,original), 1 workers");
-
-    // Non-strict: the server's strict flag goes, ANON stays.
-    reply("optimize=OAN");
-    EXPECT_FALSE(has("strict_anon.txt"));
-    EXPECT_FALSE(has("NS.txt"));
-    EXPECT_TRUE(has("ANON.txt"));
-    EXPECT_STREQ(applications2, ", anonymization for export (non-strict,optimized), 1 workers");
-
-    // A strict flag set by hand survives and is marked non-strict instead.
-    put("strict_anon.txt", "local policy");
-    reply("optimize=DAN");
-    EXPECT_EQ(read("NS.txt"), "heartbeat");
-    EXPECT_STREQ(applications2, ", anonymization for export (non-strict,original), 1 workers");
-    reply("optimize=DA");
-    EXPECT_FALSE(has("NS.txt"));
-    EXPECT_STREQ(applications2, ", anonymization for export (strict,original), 1 workers");
-
-    // Description belongs to export boxes only.
     EMR_INTF = EMR_CENTRICITY;
     snprintf(applications2, sizeof applications2, "%s", "untouched");
-    reply("optimize=O");
-    EXPECT_FALSE(has("ANON.txt"));
+    reply("optimize=OA");
     EXPECT_STREQ(applications2, "untouched");
 }
 
 TEST_F(ProcessResults, DisplayNameAndAccountAreStoredEnciphered) {
     reply("display_name=  Front Desk &acct=A-17");
     std::string stored = read("displayName.txt");
-    ASSERT_EQ(stored[0], '~');
+    EXPECT_EQ(stored[0], '~');
     EXPECT_STREQ(Util::decrypt(stored.c_str()), "Front Desk");
     EXPECT_FALSE(has("acct.txt"));  // no EMR interface
-
-    // The same name again leaves the file as it is (a fresh cipher text would differ).
+    // The same name, or none, leaves the file alone (a fresh cipher text would differ).
     reply("display_name=Front Desk");
-    EXPECT_EQ(read("displayName.txt"), stored);
     reply("display_name=");
     EXPECT_EQ(read("displayName.txt"), stored);
 
     EMR_INTF = EMR_ALLSCRIPTS;
-    reply("display_name=Back Office&acct=A-17");
-    EXPECT_STREQ(Util::decrypt(read("displayName.txt").c_str()), "Back Office");
+    reply("acct=A-17");
     std::string acct = read("acct.txt");
     EXPECT_NE(acct[0], '~');
     EXPECT_STREQ(Util::decrypt(acct.c_str()), "A-17");
@@ -176,8 +142,7 @@ protected:
     std::string inst(const std::string& name) { return slurp(install + "/" + name); }
     std::string url(const std::string& path) {
         std::string base = HUBTALK_DOWNLOAD_BASE;
-        while (!base.empty() && base.back() == '/') base.pop_back();
-        return base + path;
+        return base.substr(0, base.find_last_not_of('/') + 1) + path;
     }
 
     // Runs the calls in a child process; its exit status, or 0 when it returned.
@@ -196,36 +161,29 @@ protected:
     std::string install;
 };
 
-TEST_F(SelfUpdate, DictionaryEveryNineteenthCallOnly) {
+TEST_F(SelfUpdate, DictionaryOnEveryNineteenthCallWhenNewerAsText) {
     tool("*/pieces/dicom.dic) printf '(0010,0010) PN PatientName\\n' > \"$2\" ;;\n*) exit 1 ;;");
-    const std::string offer = "dicomDicVer=20250101:00&optimize=D";
+    // "10" sorts before "9"; "0" is never offered, not even when nothing is installed.
+    EXPECT_FALSE(isNewerVersion("0", ""));
+    put("dicomDicVer.txt", "9");
+    unlink(data.file("hubTalkVer.txt").c_str());
+    for (int i = 0; i < 19; ++i) reply("dicomDicVer=10&hubTalkVer=0");
+    EXPECT_EQ(calls(), "");
+
+    const std::string offer = "dicomDicVer=90&optimize=D";
     for (int i = 0; i < 18; ++i) reply(offer);
     EXPECT_EQ(calls(), "");
-    EXPECT_EQ(read("dicomDicVer.txt"), "20240101:10");
-
     reply(offer);
     EXPECT_EQ(calls(), url("/varnesk_sundel/pieces/dicom.dic") + "\n");
     EXPECT_EQ(read("dicom.dic"), "(0010,0010) PN PatientName\n");
-    EXPECT_EQ(read("dicomDicVer.txt"), "20250101:00");
+    EXPECT_EQ(read("dicomDicVer.txt"), "90");
     EXPECT_FALSE(has("dicom.NEW.dic"));
 
     // Off: no counting at all.
     UPDATE = false;
     resetSelfUpdateCount();
-    for (int i = 0; i < 19; ++i) reply("dicomDicVer=20990101:00");
-    EXPECT_EQ(read("dicomDicVer.txt"), "20250101:00");
-}
-
-TEST_F(SelfUpdate, VersionsCompareAsTextAndZeroIsNeverOffered) {
-    EXPECT_FALSE(isNewerVersion("10", "9"));
-    EXPECT_TRUE(isNewerVersion("9", "10"));
-    EXPECT_FALSE(isNewerVersion("0", ""));
-    tool("*) printf 'x' > \"$2\" ;;");
-    put("dicomDicVer.txt", "9");
-    unlink(data.file("hubTalkVer.txt").c_str());  // nothing installed reads as "0"
-    for (int i = 0; i < 19; ++i) reply("dicomDicVer=10&hubTalkVer=0");
-    EXPECT_EQ(calls(), "");
-    EXPECT_EQ(read("dicomDicVer.txt"), "9");
+    for (int i = 0; i < 19; ++i) reply("dicomDicVer=99");
+    EXPECT_EQ(read("dicomDicVer.txt"), "90");
 }
 
 TEST_F(SelfUpdate, ProgramAndReceiverReplacedThenExitOne) {
@@ -257,9 +215,8 @@ TEST_F(SelfUpdate, FailuresEndTheCheckAndRestoreTheOldProgram) {
     // fails and the saved program comes back.
     tool("*/pieces/dicom.dic) exit 3 ;;\n*) exit 0 ;;");
     int status = inChild([&] {
-        for (int i = 0; i < 19; ++i) reply("hubTalkVer=20250202:02&dicomDicVer=20250101:00");
         // A failed dictionary download ends the check before the program.
-        if (calls() != url("/varnesk_sundel/pieces/dicom.dic") + "\n") _exit(10);
+        for (int i = 0; i < 19; ++i) reply("hubTalkVer=20250202:02&dicomDicVer=20250101:00");
         for (int i = 0; i < 19; ++i) reply("hubTalkVer=20250202:02");
     });
     EXPECT_EQ(status, 0);
@@ -267,15 +224,6 @@ TEST_F(SelfUpdate, FailuresEndTheCheckAndRestoreTheOldProgram) {
     EXPECT_FALSE(exists(install + "/vshubTalk.SV"));
     EXPECT_EQ(read("hubTalkVer.txt"), "20240101:10");
     EXPECT_EQ(calls(), url("/varnesk_sundel/pieces/dicom.dic") + "\n" + url("/varnesk_sundel/piecesX/hubTalk") + "\n");
-}
-
-TEST(SelfUpdateInstallation, DirectoryFromTheProgramPath) {
-    resetSettings();
-    locateProgram("hubTalk");
-    EXPECT_EQ(installationDir(), "/Applications/Varnesk_Sundel/bin");
-    locateProgram("/opt/box/bin/hubTalk");
-    EXPECT_EQ(installationDir(), "/opt/box/bin");
-    resetSettings();
 }
 
 }  // namespace

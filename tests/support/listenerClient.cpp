@@ -1,0 +1,95 @@
+#include "listenerClient.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+
+#include "listener.h"
+#include "settings.h"
+#include "testUtil.h"
+
+const char* const PING_REQUEST = R"({"request_type": "ping"})";
+
+int connectTo(int port, const char* host, int receiveTimeoutSeconds) {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(static_cast<uint16_t>(port));
+    inet_pton(AF_INET, host, &a.sin_addr);
+    if (connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
+        int e = errno;
+        close(fd);
+        errno = e;
+        return -1;
+    }
+    int one = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    timeval tv{receiveTimeoutSeconds, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    return fd;
+}
+
+bool sendAll(int fd, const std::string& bytes) {
+    return send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+}
+
+std::string readAll(int fd, bool* timedOut) {
+    std::string out;
+    char buf[4096];
+    ssize_t n;
+    while ((n = recv(fd, buf, sizeof buf, 0)) > 0) out.append(buf, static_cast<size_t>(n));
+    if (timedOut) *timedOut = n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+    close(fd);
+    return out;
+}
+
+std::string talk(int port, const std::string& bytes, bool endSending, const char* host) {
+    int fd = connectTo(port, host);
+    if (fd < 0) return "<refused>";
+    sendAll(fd, bytes);
+    if (endSending) shutdown(fd, SHUT_WR);
+    return readAll(fd);
+}
+
+ListenerProcess::ListenerProcess(const std::string& data, const ListenerOptions& options) {
+    if (!options.hl7Dir.empty()) mkdir(options.hl7Dir.c_str(), 0775);
+    m_port = freePort();
+    fflush(nullptr);
+    m_pid = fork();
+    if (m_pid == 0) {
+        // Anything a request makes the listener create by mistake lands in view.
+        if (chdir(data.c_str()) != 0) _exit(4);
+        snprintf(dataDir, sizeof dataDir, "%s", data.c_str());
+        snprintf(HL7_inputDir, sizeof HL7_inputDir, "%s", options.hl7Dir.c_str());
+        PORT = m_port;
+        REMOTE = options.remote;
+        NumTcpThreads = options.threads;
+        if (!startListener()) _exit(3);
+        for (;;) pause();
+    }
+    if (!waitUntil([&] { return talk(m_port, PING_REQUEST) == "success"; }, 5000))
+        ADD_FAILURE() << "the listener on port " << m_port << " does not answer";
+}
+
+ListenerProcess::~ListenerProcess() {
+    if (m_pid > 0 && waitpid(m_pid, nullptr, WNOHANG) == 0) {
+        kill(m_pid, SIGKILL);
+        waitpid(m_pid, nullptr, 0);
+    }
+}
+
+int ListenerProcess::wait() {
+    int status = -1;
+    if (waitpid(m_pid, &status, 0) != m_pid) return -1;
+    m_pid = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}

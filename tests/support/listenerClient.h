@@ -1,0 +1,44 @@
+// Loopback clients of the local request listener, and a listener run in a
+// child process of its own (the accept lock is process-wide, so one process
+// serves one listening socket).
+#pragma once
+#include <sys/types.h>
+
+#include <string>
+
+extern const char* const PING_REQUEST;
+
+// A connected socket with a receive time-out, or -1 (errno kept).
+int connectTo(int port, const char* host = "127.0.0.1", int receiveTimeoutSeconds = 90);
+bool sendAll(int fd, const std::string& bytes);
+// Everything until the peer ends the connection; closes fd. timedOut tells
+// whether our own receive time-out ended it instead.
+std::string readAll(int fd, bool* timedOut = nullptr);
+// One connection: the bytes (then optionally the end of sending), the whole
+// answer; "<refused>" when it could not connect.
+std::string talk(int port, const std::string& bytes, bool endSending = false,
+                 const char* host = "127.0.0.1");
+
+struct ListenerOptions {
+    std::string hl7Dir;  // the inbound HL7 directory (made), none when empty
+    bool remote = false;
+    int threads = 3;
+};
+
+// Serves the data directory (also its working directory) until the object
+// goes, when it is killed; the constructor waits until it answers a ping.
+class ListenerProcess {
+public:
+    explicit ListenerProcess(const std::string& dataDir, const ListenerOptions& options = {});
+    ~ListenerProcess();
+    ListenerProcess(const ListenerProcess&) = delete;
+    ListenerProcess& operator=(const ListenerProcess&) = delete;
+
+    int port() const { return m_port; }
+    // The exit status once the process ended by itself.
+    int wait();
+
+private:
+    pid_t m_pid = -1;
+    int m_port = 0;
+};
