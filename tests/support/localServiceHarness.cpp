@@ -68,8 +68,19 @@ LocalService::LocalService() {
 LocalService::~LocalService() { stop(); }
 
 int LocalService::stop() {
+    m_more.clear();
     if (!m_process) return -1;
     return m_process->stop(SIGTERM, 15000);
+}
+
+void LocalService::alsoListenOn(const std::string& address) {
+    std::string err = m_config.file("stderr." + address + ".txt");
+    m_more.push_back(std::make_unique<ChildProcess>(
+        std::vector<std::string>{LOCAL_SERVICE_BIN, "--config", m_config.path(), "--address", address,
+                                 "--port", std::to_string(m_port)},
+        "", m_config.file("stdout." + address + ".txt"), err));
+    if (!waitUntil([&] { return slurp(err).find("listening") != std::string::npos; }, 20000))
+        throw std::runtime_error("local service did not start on " + address + ": " + slurp(err));
 }
 
 void LocalService::addBox(const std::string& boxId, const std::string& displayName) {

@@ -3,6 +3,8 @@
 // object. Every setter writes the configuration directory, which the service
 // reads afresh for each connection, so settings may change while it runs.
 #pragma once
+#include <gtest/gtest.h>
+
 #include <memory>
 #include <string>
 #include <vector>
@@ -55,6 +57,10 @@ public:
 
     // Stops the service now; returns its exit status (0 on a clean stop).
     int stop();
+    // One more service process on another loopback address, same port and
+    // configuration, for agents that try several servers. Throws when it
+    // does not start.
+    void alsoListenOn(const std::string& address);
 
     // Prepares an agent data directory that talks to this service (pinned
     // development authority, hosts and port, identity and display name) and
@@ -67,6 +73,31 @@ public:
 private:
     TempDir m_config;
     std::unique_ptr<ChildProcess> m_process;
+    std::vector<std::unique_ptr<ChildProcess>> m_more;
     int m_port = 0;
     int m_queued = 0;
 };
+
+// A fixture: an agent data directory for box "box7" wired to a fresh service.
+class ServiceTest : public ::testing::Test {
+protected:
+    explicit ServiceTest(const std::string& displayName = "Clinic One") {
+        svc.prepareAgentDataDir(data.path(), "box7", displayName);
+    }
+    const char* dir() const { return data.path().c_str(); }
+    std::string lastCommand() const {
+        auto c = svc.commands();
+        return c.empty() ? "" : c.back();
+    }
+
+    TempDir data;
+    LocalService svc;
+};
+
+// Runs f with standard error captured; returns what it wrote there.
+template <class F>
+std::string stderrOf(F&& f) {
+    testing::internal::CaptureStderr();
+    f();
+    return testing::internal::GetCapturedStderr();
+}
