@@ -87,9 +87,16 @@ static void splitAtBar(const char* arg, char* first, char* second, bool secondOn
     copyBounded(second, 256, bar + 1);
 }
 
+static const int HELP_OPTION = 1000;
+
+[[noreturn]] static void printUsage() {
+    fputs(USAGE, stdout);
+    exit(1);
+}
+
 void parseOptions(int argc, char** argv, StartOptions& options) {
     static const struct option longOptions[] = {
-        {"help", no_argument, nullptr, '?'},
+        {"help", no_argument, nullptr, HELP_OPTION},
         {"verbose", no_argument, nullptr, 'v'},
         {"quiet", no_argument, nullptr, 'q'},
         {"autoupdate", no_argument, nullptr, 'U'},
@@ -115,13 +122,15 @@ void parseOptions(int argc, char** argv, StartOptions& options) {
     opterr = 0;  // unknown options are ignored quietly
     optind = 1;
     int c;
-    while ((c = getopt_long(argc, argv, "PrA:Uzlqvd:f:?s:p:n:V:t:R:H:C:N:e:D:S:", longOptions,
+    // "?" is left out of the option letters on purpose: getopt then reports
+    // "-?" like any unknown letter, with optopt telling which one it was.
+    while ((c = getopt_long(argc, argv, "PrA:Uzlqvd:f:s:p:n:V:t:R:H:C:N:e:D:S:", longOptions,
                             nullptr)) != -1) {
         switch (c) {
+            case HELP_OPTION: printUsage();
             case '?':
-                if (optopt != 0 && optopt != '?') break;  // unknown option or missing argument
-                fputs(USAGE, stdout);
-                exit(1);
+                if (optopt == '?') printUsage();
+                break;  // unknown, or missing its argument: ignored
             case 'v': VERBOSE = true; break;
             case 'q': QUIET = true; break;
             case 'U': UPDATE = true; break;
@@ -143,6 +152,7 @@ void parseOptions(int argc, char** argv, StartOptions& options) {
                 // A first start names its servers before the data dir exists.
                 if (dataDir[0] && !fileExists(dataDir, "")) {
                     mkdir(dataDir, 0775);
+                    chmod(dataDir, 0775);
                     updateCert(dataDir);
                 }
                 writeTxt(dataDir, "receiver.txt", optarg);

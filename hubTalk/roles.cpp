@@ -1,5 +1,9 @@
 #include "roles.h"
 
+#include <sys/stat.h>
+
+#include <cstdio>
+
 #include "files.h"
 #include "listener.h"
 #include "settings.h"
@@ -7,6 +11,16 @@
 void startRoleThreads() {
     rmFile(dataDir, "APIport.txt");
     startListener();
-    // The EMR loop, export sender, router and processing workers follow here,
-    // in that order, as each role comes.
+    // The EMR loop comes here, as its role is built.
+    if (viewpointDir[0]) writeTxt(dataDir, "viewpointDir.txt", viewpointDir);
+    // The export sender and the router come here.
+    if (anonExport || pixelProcessing || pixelProcessingRetain) {
+        // Worker 0 uses qDir itself; the others get queues of their own.
+        for (int n = 1; n < NUM_WORKERS; ++n) {
+            char queue[272];
+            snprintf(queue, sizeof queue, "%s%d", qDir, n);
+            mkdir(queue, 0775);
+        }
+        // The processing workers come here.
+    }
 }

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -47,36 +48,31 @@ static bool makeDir(const char* path) {
     return fileExists(path, "");
 }
 
+// Appends to the description within its bound.
+static void describe(const char* text) { appendf(applications1, sizeof applications1, "%s", text); }
+
 static void describeHl7Dirs() {
-    if (!HL7_dir[0] || !applications1[0]) return;
-    appendf(applications1, sizeof applications1, "%s", " (");
-    appendf(applications1, sizeof applications1, "%s", HL7_dir);
-    if (HL7_inputDir[0]) {
-        appendf(applications1, sizeof applications1, "%s", ", ");
-        appendf(applications1, sizeof applications1, "%s", HL7_inputDir);
-    }
-    if (ShortCodeFile[0]) {
-        appendf(applications1, sizeof applications1, "%s", ", ");
-        appendf(applications1, sizeof applications1, "%s", ShortCodeFile);
-    }
-    if (TestCodeFile[0]) {
-        appendf(applications1, sizeof applications1, "%s", ", ");
-        appendf(applications1, sizeof applications1, "%s", TestCodeFile);
-    }
-    if (EMR_SR) appendf(applications1, sizeof applications1, "%s", ", SR2HL7");
-    if (EMR_PDF) appendf(applications1, sizeof applications1, "%s", ", REPORTCAST");
-    appendf(applications1, sizeof applications1, "%s", ")");
+    if ((!HL7_dir[0] && !HL7_inputDir[0]) || !applications1[0]) return;
+    describe(" (");
+    describe(HL7_dir);
+    if (HL7_dir[0] && HL7_inputDir[0]) describe(", ");
+    describe(HL7_inputDir);
+    if (ShortCodeFile[0]) appendf(applications1, sizeof applications1, ", %s", ShortCodeFile);
+    if (TestCodeFile[0]) appendf(applications1, sizeof applications1, ", %s", TestCodeFile);
+    if (EMR_SR) describe(", SR2HL7");
+    if (EMR_PDF) describe(", REPORTCAST");
+    describe(")");
 }
 
 static void describeExport() {
-    if (applications1[0] && viewpointDir[0]) appendf(applications1, sizeof applications1, "%s", ", ");
+    if (applications1[0] && viewpointDir[0]) describe(", ");
     if (viewpointDir[0] && nonZeroFile(dataDir, "CLIENTVP6.txt"))
-        appendf(applications1, sizeof applications1, "%s", "VP6 Client");
+        describe("VP6 Client");
     else if (viewpointDir[0] && nonZeroFile(dataDir, "CLIENTVP6.HEAD.txt"))
-        appendf(applications1, sizeof applications1, "%s", "VP6 Server");
+        describe("VP6 Server");
     else if (viewpointDir[0] && EMR_INTF != EMR_HL7FILE)
-        appendf(applications1, sizeof applications1, "%s", "File-Export");
-    if (EMR_INTF == EMR_HL7FILE && !HL7_inputDir[0]) appendf(applications1, sizeof applications1, "%s", "(with delay)");
+        describe("File-Export");
+    if (EMR_INTF == EMR_HL7FILE && !HL7_inputDir[0]) describe("(with delay)");
 }
 
 static bool anyProcessingMode() { return anonExport || pixelProcessing || pixelProcessingRetain; }
@@ -98,6 +94,7 @@ static void readNameFile(const char* path, char* name, size_t size) {
         char* text = readTrimmed(path, "");
         if (*text) {
             snprintf(name, size < 93 ? size : 93, "%s", text);
+            rtrim(name);  // the cut may end on a blank, which would not read back
             return;
         }
         if (tries % 10 == 0) {
@@ -128,6 +125,10 @@ bool prepareStart(const StartOptions& options) {
         if (!makeDir(dataDir)) fail("Cannot create Data Dir\n%s", dataDir);
         updateCert(dataDir);
     }
+    // The worker changes into the data dir; every later path must still find it.
+    char absolute[PATH_MAX];
+    if (dataDir[0] != '/' && realpath(dataDir, absolute) && strlen(absolute) < sizeof dataDir)
+        snprintf(dataDir, sizeof dataDir, "%s", absolute);
 
     if (EMR_INTF == EMR_HL7FILE) {
         snprintf(viewpointDir, sizeof viewpointDir, "%s", HL7_dir);
@@ -148,9 +149,7 @@ bool prepareStart(const StartOptions& options) {
             fputs("Anonymization (-N) requires File-Export/VP6 (-V)\n", stderr);
             exit(1);
         }
-        appendf(applications1, sizeof applications1, "%s", " (");
-        appendf(applications1, sizeof applications1, "%s", viewpointDir);
-        appendf(applications1, sizeof applications1, "%s", ")");
+        appendf(applications1, sizeof applications1, " (%s)", viewpointDir);
         formatInto(qDir, sizeof qDir, "%s/Q", dataDir);
         if (!makeDir(qDir)) fail("Cannot create anon Q Dir%s\n", qDir);
     }

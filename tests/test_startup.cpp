@@ -63,6 +63,12 @@ TEST(StartupCommandLine, UsageAndRefusals) {
     EXPECT_EQ(longHelp.status, 1);
     EXPECT_EQ(longHelp.out, usage);
 
+    // Unknown options are ignored and do not mask a later "-?".
+    EXPECT_EQ(hubTalk({"-x", "-?"}).out, usage);
+    RunResult unknown = hubTalk({"--bogus", "-d", "-odd"});
+    EXPECT_EQ(unknown.status, 1);
+    EXPECT_EQ(unknown.out, "");
+
     RunResult dashDir = hubTalk({"-d", "-odd"});
     EXPECT_EQ(dashDir.status, 1);
     EXPECT_EQ(dashDir.err, "No Data Dir\n" + usage);
@@ -105,6 +111,13 @@ TEST(StartupDataDir, FirstStartCreatesIdentityAndSecondKeepsIt) {
     }
 }
 
+TEST(StartupDataDir, RelativeDataDirIsFoundAfterTheWorkerChangesIntoIt) {
+    TempDir tmp;
+    ChildProcess agent({HUBTALK_BIN, "-d", "rel"}, tmp.path(), tmp.file("out"), tmp.file("err"));
+    EXPECT_TRUE(waitUntil([&] { return exists(tmp.file("rel/hostName.txt")); }, 10000)) << slurp(tmp.file("err"));
+    EXPECT_FALSE(exists(tmp.file("rel/rel")));
+}
+
 TEST(StartupDataDir, NameFileSetsAndChangesIdentity) {
     TempDir tmp;
     std::string data = tmp.file("data");
@@ -114,10 +127,11 @@ TEST(StartupDataDir, NameFileSetsAndChangesIdentity) {
         ASSERT_TRUE(agent.started);
         EXPECT_EQ(slurp(data + "/hostName.txt"), "clinic-box-7");
     }
-    spit(tmp.file("name"), std::string(120, 'n'));
+    // Cut at 92 characters, and a blank at the cut is not part of the name.
+    spit(tmp.file("name"), std::string(91, 'n') + "  tail");
     {
         RunningAgent agent({"-d", data, "-f", tmp.file("name")}, data);
-        ASSERT_TRUE(waitUntil([&] { return slurp(data + "/hostName.txt") == std::string(92, 'n'); }, 5000))
+        ASSERT_TRUE(waitUntil([&] { return slurp(data + "/hostName.txt") == std::string(91, 'n'); }, 5000))
             << slurp(data + "/hostName.txt");
     }
 }
