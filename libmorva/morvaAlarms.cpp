@@ -168,7 +168,9 @@ bool ThreadAlarm::arm(int slot, unsigned int ms, int socket) {
         AlarmRec& r = table[slot];
         r.setAlarmFrom(now, ms);
         Util::setWriteLock(&r.lock);
-        r.socket = socket;
+        // A socket the watchdog closed stays marked until its owner declares a
+        // new one (writes -1): its number may already belong to another file.
+        if (r.socket != -2) r.socket = socket;
         pthread_rwlock_unlock(&r.lock);
         ok = true;
     }

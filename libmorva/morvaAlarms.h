@@ -57,7 +57,8 @@ public:
     // only until the next regThread (the table may move).
     AlarmRec* record(int slot);
     // Installs the handler, arms the slot and declares its socket (-1: none).
-    // Returns false for a bad slot.
+    // A record whose socket the watchdog closed keeps its -2 until the owner
+    // writes -1 there for a new socket. Returns false for a bad slot.
     bool arm(int slot, unsigned int ms, int socket);
     void disarm(int slot);
 

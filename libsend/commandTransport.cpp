@@ -71,7 +71,7 @@ char* SendFile::sendCommandCert(const char* command, int& status, bool readAll) 
     int last;
     for (;;) {
         unsigned char buf[256];
-        last = tls.read(buf, 255);
+        last = tls.read(buf, 255, false);
         if (last > 0) reply.append(reinterpret_cast<char*>(buf), (size_t)last);
         if (last <= 0 || !readAll) break;
     }

@@ -41,34 +41,46 @@ int bioSend(void* ctx, const unsigned char* buf, size_t len) {
     return (int)n;
 }
 
+// Reads exactly len bytes: len, 0 when the peer ended the stream first, or a
+// negative error once the watchdog has fired.
+int readExact(TlsSession* t, unsigned char* buf, size_t len) {
+    size_t got = 0;
+    while (got < len) {
+        if (!t->box->socketOpen()) return MBEDTLS_ERR_NET_RECV_FAILED;
+        ssize_t n = ::recv(t->box->sock, buf + got, len - got, 0);
+        if (n == 0) return 0;
+        if (n < 0) {
+            int rc = mapError(t->box, true);
+            if (rc == MBEDTLS_ERR_SSL_WANT_READ) continue;
+            return rc;
+        }
+        got += (size_t)n;
+    }
+    return (int)len;
+}
+
 // Drops whole records that precede the server's first handshake record: they
-// belong to the session that ran before on this connection.
+// belong to the session that ran before on this connection. The handshake
+// record's header is kept for the library.
 int skipOld(TlsSession* t) {
-    int fd = t->box->sock;
     for (;;) {
         unsigned char hdr[5];
-        ssize_t n = ::recv(fd, hdr, sizeof hdr, MSG_PEEK | MSG_WAITALL);
-        if (n <= 0) return n == 0 ? 0 : mapError(t->box, true);
-        if (n < (ssize_t)sizeof hdr) {
-            if (!t->box->socketOpen()) return MBEDTLS_ERR_NET_RECV_FAILED;
-            continue;  // interrupted peek: look again
-        }
+        int rc = readExact(t, hdr, sizeof hdr);
+        if (rc <= 0) return rc;
         if (hdr[0] == MBEDTLS_SSL_MSG_HANDSHAKE) {
+            memcpy(t->pending, hdr, sizeof hdr);
+            t->pendingLength = sizeof hdr;
+            t->pendingOffset = 0;
             t->skipOldRecords = false;
             return 1;
         }
-        size_t left = sizeof hdr + (((size_t)hdr[3] << 8) | hdr[4]);
+        size_t left = ((size_t)hdr[3] << 8) | hdr[4];
         unsigned char sink[4096];
         while (left > 0) {
-            if (!t->box->socketOpen()) return MBEDTLS_ERR_NET_RECV_FAILED;
-            ssize_t m = ::recv(fd, sink, left < sizeof sink ? left : sizeof sink, 0);
-            if (m == 0) return 0;
-            if (m < 0) {
-                int rc = mapError(t->box, true);
-                if (rc == MBEDTLS_ERR_SSL_WANT_READ) continue;
-                return rc;
-            }
-            left -= (size_t)m;
+            size_t piece = left < sizeof sink ? left : sizeof sink;
+            rc = readExact(t, sink, piece);
+            if (rc <= 0) return rc;
+            left -= piece;
         }
     }
 }
@@ -79,6 +91,13 @@ int bioRecv(void* ctx, unsigned char* buf, size_t len) {
     if (t->skipOldRecords) {
         int rc = skipOld(t);
         if (rc <= 0) return rc;
+    }
+    if (t->pendingOffset < t->pendingLength) {
+        size_t n = t->pendingLength - t->pendingOffset;
+        if (n > len) n = len;
+        memcpy(buf, t->pending + t->pendingOffset, n);
+        t->pendingOffset += n;
+        return (int)n;
     }
     ssize_t n = ::recv(t->box->sock, buf, len, 0);
     if (n < 0) return mapError(t->box, true);
@@ -172,12 +191,13 @@ int TlsSession::writeAll(const unsigned char* buf, size_t len) {
     return (int)done;
 }
 
-int TlsSession::read(unsigned char* buf, size_t len) {
+int TlsSession::read(unsigned char* buf, size_t len, bool closeNotifyEnds) {
     int rc;
     do {
         rc = mbedtls_ssl_read(&ssl, buf, len);
     } while (again(rc));
-    if (rc == MBEDTLS_ERR_SSL_PEER_CLOSE_NOTIFY || rc == MBEDTLS_ERR_SSL_CONN_EOF) return 0;
+    if (rc == MBEDTLS_ERR_SSL_CONN_EOF) return 0;
+    if (rc == MBEDTLS_ERR_SSL_PEER_CLOSE_NOTIFY && closeNotifyEnds) return 0;
     return rc;
 }
 

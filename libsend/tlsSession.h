@@ -29,15 +29,21 @@ struct TlsSession {
     // Writes everything; the count written, or a negative error.
     int writeAll(const unsigned char* buf, size_t len);
     // One read of at most len bytes (repeated only while asked to be called
-    // again): > 0 count, 0 orderly end (also a close notification or a
-    // close without one), < 0 error.
-    int read(unsigned char* buf, size_t len);
+    // again): > 0 count, 0 orderly end, < 0 error. A close notification is an
+    // orderly end only when closeNotifyEnds is set; otherwise it stays the
+    // library's negative code, so a command that got no reply is a failure.
+    int read(unsigned char* buf, size_t len, bool closeNotifyEnds = true);
     // Close notification (repeated while asked to write), then frees.
     void close();
     void release();
 
     Box* box;
     bool skipOldRecords = false;
+    // The first record header of the new session, read while skipping the
+    // old one's records, handed to the library before any further socket read.
+    unsigned char pending[5];
+    size_t pendingLength = 0;
+    size_t pendingOffset = 0;
     bool live = true;
     mbedtls_ssl_context ssl;
     mbedtls_ssl_config conf;

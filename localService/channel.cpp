@@ -27,9 +27,9 @@ public:
         if (LocalIo::readable(fd(), kCloseGraceMs)) m_session->expectCloseNotify();
     }
 
-    bool handOver() override {
-        // No notification of our own: the box reads only the reply, and
-        // anything more from us would be taken for its next handshake.
+    bool handOver(bool strayEnd) override {
+        // Normally no notification of our own: the box reads only the reply.
+        if (strayEnd) m_session->sendCloseNotify();
         bool ok = m_session->expectCloseNotify();
         m_session.reset();
         return ok;
@@ -53,7 +53,7 @@ public:
         LocalIo::drainUntilClosed(fd(), kCloseGraceMs);
     }
 
-    bool handOver() override { return true; }
+    bool handOver(bool) override { return true; }
 };
 
 }  // namespace

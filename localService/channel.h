@@ -18,7 +18,9 @@ public:
     // A data session follows on the same socket: consume the box's end of this
     // session, and nothing after it, so the socket holds only the next
     // handshake. False when the box did something else.
-    virtual bool handOver() = 0;
+    // strayEnd: end the first session with a notification of our own before
+    // the key session (a fault mode: the box must drop it unread).
+    virtual bool handOver(bool strayEnd) = 0;
     int fd() const { return m_fd; }
 
 protected:

@@ -13,6 +13,7 @@ const char* faultName(Fault fault) {
     case Fault::CutUpload: return "cutUpload";
     case Fault::CutPush: return "cutPush";
     case Fault::Silent: return "silent";
+    case Fault::StrayEnd: return "strayEnd";
     }
     return "unknown";
 }

@@ -13,6 +13,7 @@ enum class Fault {
     CutUpload,    // "cutUpload": the connection is dropped half-way through an upload
     CutPush,      // "cutPush": the connection is dropped half-way through pushed data
     Silent,       // "silent": connections are accepted and never answered
+    StrayEnd,     // "strayEnd": the first session's own close notification precedes the key session
 };
 
 const char* faultName(Fault fault);

@@ -74,7 +74,7 @@ void pushToBox(const Request& request, CommandChannel& channel, ServiceContext& 
         channel.finish();
         return;
     }
-    if (!channel.reply("OK|" + std::to_string(payload.size)) || !channel.handOver()) return;
+    if (!channel.reply("OK|" + std::to_string(payload.size)) || !channel.handOver(faultOn(context.config, Fault::StrayEnd))) return;
 
     std::string key = faultOn(context.config, Fault::WrongKey)
                           ? wrongPresharedKey(request.boxId, displayName)

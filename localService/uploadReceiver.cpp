@@ -62,10 +62,10 @@ void receiveUpload(const Request& request, CommandChannel& channel, ServiceConte
     }
     if (faultOn(context.config, Fault::UploadNo)) {
         channel.reply("NO");
-        channel.handOver();
+        channel.handOver(false);
         return;
     }
-    if (!channel.reply("OK") || !channel.handOver()) return;
+    if (!channel.reply("OK") || !channel.handOver(faultOn(context.config, Fault::StrayEnd))) return;
 
     std::string key = faultOn(context.config, Fault::WrongKey)
                           ? wrongPresharedKey(request.uploadId, displayName)

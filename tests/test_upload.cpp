@@ -135,6 +135,17 @@ TEST_F(Upload, OutcomesAndTheFailureCount) {
     EXPECT_FALSE(exists(svc.storedFile("x.bin")));
     svc.setFault(LocalService::Fault::CutUpload, false);
 
+    // The first session's own end left in the socket is dropped unread.
+    svc.setFault(LocalService::Fault::StrayEnd);
+    EXPECT_EQ(upload(files.file("x.bin")), 0);
+    EXPECT_EQ(count(), "0");
+    EXPECT_TRUE(sameFile(files.file("x.bin"), svc.storedFile("x.bin")));
+    svc.setPushText("STUDIES", "after a stray end");
+    EXPECT_EQ(std::string(SendFile::getStudiesSince(dir(), "1", false, false)), "after a stray end");
+    svc.setFault(LocalService::Fault::StrayEnd, false);
+    remove(svc.storedFile("x.bin").c_str());
+    spit(data.file("FileFailedCount.txt"), "2");
+
     // A name with "|" breaks the header; the service refuses it.
     spit(files.file("a|b~c"), "data");
     EXPECT_EQ(upload(files.file("a|b~c")), 1);

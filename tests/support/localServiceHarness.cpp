@@ -47,6 +47,7 @@ const char* LocalService::faultFile(Fault fault) {
     case Fault::CutUpload: return "cutUpload";
     case Fault::CutPush: return "cutPush";
     case Fault::Silent: return "silent";
+    case Fault::StrayEnd: return "strayEnd";
     }
     return "unknown";
 }

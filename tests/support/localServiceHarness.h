@@ -22,6 +22,7 @@ public:
         CutUpload,    // hang up half-way through an upload
         CutPush,      // hang up half-way through pushed data
         Silent,       // accept connections and never answer
+        StrayEnd,     // end the first session with a notification before the key session
     };
 
     // Starts the service and waits until it listens. Throws when it does not.
