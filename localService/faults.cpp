@@ -14,6 +14,7 @@ const char* faultName(Fault fault) {
     case Fault::CutPush: return "cutPush";
     case Fault::Silent: return "silent";
     case Fault::StrayEnd: return "strayEnd";
+    case Fault::OverPush: return "overPush";
     }
     return "unknown";
 }

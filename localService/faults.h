@@ -14,6 +14,7 @@ enum class Fault {
     CutPush,      // "cutPush": the connection is dropped half-way through pushed data
     Silent,       // "silent": connections are accepted and never answered
     StrayEnd,     // "strayEnd": the first session's own close notification precedes the key session
+    OverPush,     // "overPush": pushed data runs on past the announced size
 };
 
 const char* faultName(Fault fault);

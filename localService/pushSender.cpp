@@ -88,7 +88,10 @@ void pushToBox(const Request& request, CommandChannel& channel, ServiceContext& 
         sendPayload(session, payload, payload.size / 2);
         return;
     }
+    bool sent = sendPayload(session, payload, payload.size);
+    // Beyond what was announced: the box must stop at the announced size.
+    if (sent && faultOn(context.config, Fault::OverPush))
+        sent = session.writeAll(std::string(100000, 'X'));
     // The box closes once it has every byte; its close notification ends the session.
-    if (sendPayload(session, payload, payload.size) && LocalIo::readable(channel.fd(), 5000))
-        session.expectCloseNotify();
+    if (sent && LocalIo::readable(channel.fd(), 5000)) session.expectCloseNotify();
 }

@@ -189,6 +189,19 @@ TEST_F(Upload, PushedFilesStayInTheDataDirectoryOrNowhere) {
     EXPECT_EQ(got.substr(0, data.path().size() + 4), data.path() + "/CR.");
     EXPECT_EQ(got.find('/', data.path().size() + 1), std::string::npos) << got;
     EXPECT_TRUE(sameFile(source, got));
+    // A service that sends more than it announced: the file holds the announced bytes.
+    svc.setFault(LocalService::Fault::OverPush);
+    std::string over = SendFile::getDicom(dir(), "img.dcm", false, false);
+    svc.setFault(LocalService::Fault::OverPush, false);
+    ASSERT_FALSE(over.empty());
+    EXPECT_TRUE(sameFile(source, over));
+    remove(over.c_str());
+    svc.setPushText("STUDIES", "exact");
+    svc.setFault(LocalService::Fault::OverPush);
+    std::string text = SendFile::getStudiesSince(dir(), "1", false, false);
+    svc.setFault(LocalService::Fault::OverPush, false);
+    EXPECT_EQ(text, "exact");
+
     // An empty last field: the file is named after the one before.
     svc.setPushFile("uri", source);
     got = SendFile::getDicom(dir(), "", false, false);

@@ -48,6 +48,7 @@ const char* LocalService::faultFile(Fault fault) {
     case Fault::CutPush: return "cutPush";
     case Fault::Silent: return "silent";
     case Fault::StrayEnd: return "strayEnd";
+    case Fault::OverPush: return "overPush";
     }
     return "unknown";
 }

@@ -23,6 +23,7 @@ public:
         CutPush,      // hang up half-way through pushed data
         Silent,       // accept connections and never answer
         StrayEnd,     // end the first session with a notification before the key session
+        OverPush,     // push more bytes than announced
     };
 
     // Starts the service and waits until it listens. Throws when it does not.
