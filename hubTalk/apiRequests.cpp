@@ -1,13 +1,16 @@
 #include "apiRequests.h"
 
 #include <strings.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string>
 
+#include "exception.h"
 #include "files.h"
 #include "jsn.h"
 #include "listener.h"
@@ -44,7 +47,39 @@ void finish(ListenerConnection& conn) {
     if (VERBOSE) puts("At bottom of request Loop");
 }
 
+bool isRegularFile(const std::string& path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
+}
+
+std::string resolvedPath(const std::string& path) {
+    char* resolved = realpath(path.c_str(), nullptr);
+    if (!resolved) return "";
+    std::string out = resolved;
+    free(resolved);
+    return out;
+}
+
 }  // namespace
+
+std::string exportFileOf(const char* request) {
+    if (!viewpointDir[0]) return "";
+    // As the upload reads it: the whole text when that names a file, else
+    // its last blank-separated word.
+    std::string path = request;
+    if (!isRegularFile(path)) {
+        size_t begin = path.find_first_not_of(" \t\r\n");
+        size_t end = path.find_last_not_of(" \t\r\n");
+        path = begin == std::string::npos ? "" : path.substr(begin, end + 1 - begin);
+        size_t blank = path.find_last_of(' ');
+        if (blank != std::string::npos) path = path.substr(blank + 1);
+    }
+    std::string file = resolvedPath(path);
+    std::string dir = resolvedPath(viewpointDir);
+    if (file.empty() || dir.empty() || !isRegularFile(file)) return "";
+    if (dir.back() != '/') dir += '/';
+    return file.compare(0, dir.size(), dir) == 0 ? file : "";
+}
 
 bool isSharingDocument(const char* text) { return strstr(text, "\"sharing\"") != nullptr; }
 
@@ -98,7 +133,9 @@ void handleApiRequest(ListenerConnection& conn, char* first, int n) {
         return;
     }
     if (strcasecmp(type, "DICOM send") == 0) {
-        int rc = SendFile::sendAFile(request, "Export", "Export", dataDir, QUIET);
+        std::string file = exportFileOf(request);
+        if (file.empty() && !QUIET) logLine("DICOM send refused: not a file in the export directory");
+        int rc = file.empty() ? 1 : SendFile::sendAFile(file.c_str(), "Export", "Export", dataDir, QUIET);
         conn.send(rc == 0 ? "success" : "failure");
         finish(conn);
         return;
@@ -108,12 +145,12 @@ void handleApiRequest(ListenerConnection& conn, char* first, int n) {
     const char* reply = SendFile::sendAPICommand(dataDir, request, VERBOSE, QUIET, &arena);
     bool failed = !reply || !*reply || strcasecmp(reply, "error") == 0;
     conn.send(reply && *reply ? reply : "error");
-    // The client need not wait for the heartbeat.
-    finish(conn);
     if (failed) {
-        // Let the service correct the agent's state before the client retries.
+        // The connection stays open until the service has corrected the
+        // agent's state, so that the client's retry meets the corrected one.
         int status = 0;
         char* beat = SendFile::sendHeartbeatCommand(dataDir, status, nullptr, VERBOSE, QUIET);
         if (beat && *beat) processResults(dataDir, beat);
     }
+    finish(conn);
 }

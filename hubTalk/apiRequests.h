@@ -4,13 +4,16 @@
 //   request_type "shutdown"   -> "success", "SHUTDOWN.txt" = "done", exit 0
 //   request_type "ping"       -> "success"
 //   request_type "DICOM send" -> "success"/"failure" of the upload of the file
-//                                named at the end of the request text
+//                                named at the end of the request text; only
+//                                a regular file inside the export directory
 //   anything else             -> the service's reply byte for byte, "error"
-//                                when it is empty; then a heartbeat so that
-//                                the service can set the agent right
+//                                when it is empty; then, before the
+//                                connection closes, a heartbeat so that the
+//                                service can set the agent right
 //   not JSON                  -> "error"
 // Request types match without regard to case.
 #pragma once
+#include <string>
 
 struct ListenerConnection;
 
@@ -22,3 +25,7 @@ void handleApiRequest(ListenerConnection& conn, char* first, int n);
 // True when the text mentions "sharing" in double quotes: a sharing document,
 // the only request allowed to span several receives.
 bool isSharingDocument(const char* text);
+
+// The file a "DICOM send" request names, resolved (no links, no ".."); ""
+// unless it is a regular file inside the export directory.
+std::string exportFileOf(const char* request);

@@ -5,12 +5,14 @@
 #include <netinet/in.h>
 #include <sched.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 
 #include "apiRequests.h"
 #include "exception.h"
@@ -33,22 +35,6 @@ namespace {
 
 const int MAX_ACCEPT_FAILURES = 499;
 
-// The watchdog's socket field of the slot: whether it closed our duplicate
-// (-2), and back to "none" so that a stale descriptor is never left there.
-bool takeGuardClosed(int slot) {
-    bool closed = false;
-    Util::setReadLock(&m_alarms->tableLock);
-    AlarmRec* r = m_alarms->record(slot);
-    if (r) {
-        Util::setWriteLock(&r->lock);
-        closed = r->socket == -2;
-        r->socket = -1;
-        pthread_rwlock_unlock(&r->lock);
-    }
-    pthread_rwlock_unlock(&m_alarms->tableLock);
-    return closed;
-}
-
 bool startThread(void* (*entry)(void*), void* arg) {
     pthread_attr_t attr;
     pthread_attr_init(&attr);
@@ -65,42 +51,50 @@ bool startThread(void* (*entry)(void*), void* arg) {
 // ------------------------------------------------------------- connection
 
 ListenerConnection::ListenerConnection(int fd, int slot) : fd(fd), slot(slot) {
-    guard = fcntl(fd, F_DUPFD_CLOEXEC, 0);
+    timeval tv{LISTENER_SOCKET_TIMEOUT_S, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
 }
 
 ListenerConnection::~ListenerConnection() { close(); }
 
-bool ListenerConnection::arm(unsigned int ms) {
-    if (cut || fd < 0) return false;
-    // Without a duplicate the signal alone interrupts the blocked call.
-    m_alarms->arm(slot, ms, guard);
-    return true;
+void ListenerConnection::arm(unsigned int ms) {
+    m_alarms->arm(slot, ms, -1);
+    armed = true;
 }
 
-bool ListenerConnection::disarm() {
+void ListenerConnection::disarm() {
+    if (!armed) return;
     m_alarms->disarm(slot);
-    if (takeGuardClosed(slot)) {
-        guard = -1;
-        cut = true;
-    }
-    return cut;
+    armed = false;
 }
+
+bool ListenerConnection::expired() { return armed && m_alarms->getRemainingMs(slot) == 0; }
 
 ssize_t ListenerConnection::receive(char* buf, size_t size) {
-    if (cut || fd < 0) {
-        errno = ETIMEDOUT;
-        return -1;
+    for (;;) {
+        if (fd < 0) {
+            errno = EBADF;
+            return -1;
+        }
+        // The watchdog's signal may already have come and gone.
+        if (expired()) {
+            errno = ETIMEDOUT;
+            return -1;
+        }
+        ssize_t n = recv(fd, buf, size, 0);
+        if (n < 0 && errno == EINTR && !expired()) continue;
+        return n;
     }
-    return recv(fd, buf, size, 0);
 }
 
 bool ListenerConnection::send(const char* data, size_t length) {
-    if (!arm(LISTENER_TIMEOUT_MS)) return false;
+    if (fd < 0) return false;
+    arm(LISTENER_TIMEOUT_MS);
     size_t done = 0;
-    while (done < length) {
+    while (done < length && !expired()) {
         ssize_t n = ::send(fd, data + done, length - done, MSG_NOSIGNAL);
-        // Only the watchdog's signal ends the send; other ones are retried.
-        if (n < 0 && errno == EINTR && m_alarms->getRemainingMs(slot) > 0) continue;
+        if (n < 0 && errno == EINTR) continue;  // expired() tells whose signal it was
         if (n <= 0) break;
         done += static_cast<size_t>(n);
     }
@@ -111,15 +105,12 @@ bool ListenerConnection::send(const char* data, size_t length) {
 bool ListenerConnection::send(const char* text) { return send(text, strlen(text)); }
 
 void ListenerConnection::close() {
+    // A deadline left behind would later interrupt accept.
+    disarm();
     if (fd >= 0) {
         shutdown(fd, SHUT_RDWR);
         ::close(fd);
         fd = -1;
-    }
-    if (guard >= 0) {
-        // Disarmed, so the watchdog no longer touches the duplicate.
-        if (!takeGuardClosed(slot)) ::close(guard);
-        guard = -1;
     }
 }
 
@@ -193,9 +184,9 @@ void* thread_proc(void* arg) {
             ListenerConnection conn(fd, slot);
             conn.arm(LISTENER_TIMEOUT_MS);
             ssize_t n = conn.receive(buf, LISTENER_BUFFER);
+            int e = errno;
             conn.disarm();
             if (n < 0) {
-                int e = errno;
                 conn.close();
                 errno = e;
                 perror("Socket receive failed");
@@ -210,6 +201,11 @@ void* thread_proc(void* arg) {
                 handleApiRequest(conn, buf, static_cast<int>(n));
         } catch (const MorvaExceptionTop&) {
             // Already logged; this connection is lost, the worker serves on.
+        } catch (const std::exception& e) {
+            // One request must not end the process.
+            char line[256];
+            snprintf(line, sizeof line, "Listener request failed: %.200s", e.what());
+            logLine(line);
         }
     }
 }

@@ -32,31 +32,34 @@ void* thread_proc(void* listenSocket);
 // detached LISTENER_STACK thread. True when the thread was started.
 bool startListener();
 
-// One accepted client, served start to finish by one worker. The watchdog is
-// handed a duplicate of the socket: when a deadline runs out it shuts the
-// connection down through it and closes only the duplicate, so the worker's
-// own descriptor is never closed under it (nor reused by another thread).
+// Receive and send time-out of a connected socket: a backstop for a
+// watchdog signal that came just before the call blocked, and was lost.
+const int LISTENER_SOCKET_TIMEOUT_S = 61;
+
+// One accepted client, served start to finish by one worker. A deadline only
+// signals the worker (no socket is handed to the watchdog): the interrupted
+// call fails, yet the connection stays open for the answer.
 struct ListenerConnection {
     int fd = -1;
-    int slot = -1;     // the worker's watchdog slot
-    int guard = -1;    // the duplicate the watchdog may close
-    bool cut = false;  // a deadline ran out: the connection is dead
+    int slot = -1;       // the worker's watchdog slot
+    bool armed = false;
 
     ListenerConnection(int fd, int slot);
     ~ListenerConnection();
     ListenerConnection(const ListenerConnection&) = delete;
     ListenerConnection& operator=(const ListenerConnection&) = delete;
 
-    // Deadline for what follows, until disarm(); false when the connection is
-    // already cut.
-    bool arm(unsigned int ms);
-    // Ends the deadline; true when it had run out (the connection is cut).
-    bool disarm();
-    // One recv; -1 once the connection is cut.
+    // Deadline for what follows, until disarm().
+    void arm(unsigned int ms);
+    void disarm();
+    // True when the armed deadline has run out.
+    bool expired();
+    // One recv; -1 once the armed deadline has run out (a stray signal is
+    // retried, the watchdog's is not).
     ssize_t receive(char* buf, size_t size);
-    // All bytes, under its own deadline; false when they could not be sent.
+    // All bytes, under a deadline of their own; false when they could not be sent.
     bool send(const char* data, size_t length);
     bool send(const char* text);
-    // Shuts down both ways and closes; harmless when already closed.
+    // Disarms, shuts down both ways and closes; harmless when already closed.
     void close();
 };

@@ -55,7 +55,9 @@ char* heartbeatQuery(const char* dir, const char* internalIp, char* query) {
     appendf(query, HEARTBEAT_QUERY_SIZE, "&bcpid=%d", static_cast<int>(getpid()));
     if (EmbedType[0]) appendf(query, HEARTBEAT_QUERY_SIZE, "&embedded_type=%.*s", static_cast<int>(sizeof EmbedType), EmbedType);
     if (applications1[0]) appendf(query, HEARTBEAT_QUERY_SIZE, "&applications=%s", applications1);
-    if (applications2[0]) appendf(query, HEARTBEAT_QUERY_SIZE, "%s", applications2);
+    char description[sizeof applications2];
+    copyDescription(description, sizeof description);
+    if (description[0]) appendf(query, HEARTBEAT_QUERY_SIZE, "%s", description);
     appendf(query, HEARTBEAT_QUERY_SIZE, "&os=%s", "OS X");
     return query;
 }

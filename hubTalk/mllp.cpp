@@ -33,10 +33,8 @@ bool safeNameByte(unsigned char c) {
 
 }  // namespace
 
-const char* hl7InboundDir() {
-    if (HL7_inputDir[0]) return HL7_inputDir;
-    return HL7_cache;
-}
+// Never the HL7 cache: for link-file sites that is the outbound directory.
+const char* hl7InboundDir() { return HL7_inputDir; }
 
 void buildHl7Answer(GrowingString& out, bool accepted, const char* controlId, const char* timestamp) {
     const char start[2] = {START_BYTE, 0};
@@ -102,8 +100,8 @@ void handleHl7Request(ListenerConnection& conn, const char* first, int n) {
         }
         // An acknowledged message must not be lost: the sender retries a NACK.
         if (!writeTxt(hl7InboundDir(), name, rtrim(msh))) accepted = false;
-    } else if (VERBOSE) {
-        fprintf(stderr, "No inbound HL7 directory: message %s not stored\n", controlId);
+    } else if (!QUIET) {
+        fprintf(stderr, "No inbound HL7 directory: message %.64s not stored\n", controlId);
     }
 
     char timestamp[32];

@@ -17,8 +17,8 @@ class GrowingString;
 // first, and closes the connection.
 void handleHl7Request(ListenerConnection& conn, const char* first, int n);
 
-// Where inbound messages are stored: the inbound HL7 directory, else the HL7
-// cache; "" when neither is set.
+// Where inbound messages are stored: the inbound HL7 directory; "" when it is
+// not set, and then nothing is stored.
 const char* hl7InboundDir();
 
 // The acknowledgement, appended to out.

@@ -1,11 +1,14 @@
 #include "processResults.h"
 
+#include <pthread.h>
+
 #include <cstdio>
 #include <cstring>
 #include <string>
 
 #include "files.h"
 #include "keyValues.h"
+#include "locks.h"
 #include "memory.h"
 #include "selfUpdate.h"
 #include "settings.h"
@@ -15,6 +18,16 @@
 char applications2[800];
 
 namespace {
+
+// Replies come from the main loop and the listener workers at once.
+pthread_mutex_t resultsMutex = PTHREAD_MUTEX_INITIALIZER;
+
+struct ResultsLock {
+    ResultsLock() { Util::setMutexLock(&resultsMutex); }
+    ~ResultsLock() { pthread_mutex_unlock(&resultsMutex); }
+    ResultsLock(const ResultsLock&) = delete;
+    ResultsLock& operator=(const ResultsLock&) = delete;
+};
 
 const char* const HEARTBEAT = "heartbeat";
 const size_t DESCRIPTION_BOUND = 400;
@@ -100,23 +113,26 @@ void recomputeFlags(const char* dir, const std::string& c) {
     }
 }
 
-
 void rebuildDescription(const char* dir) {
     if (!viewpointDir[0] || HL7_inputDir[0] || (EMR_INTF != EMR_NONE && EMR_INTF != EMR_HL7FILE)) return;
-    applications2[0] = '\0';
+    // Built aside: the heartbeat reads the description without our lock, and
+    // an unchanged one is then never seen half-written.
+    char description[sizeof applications2];
+    description[0] = '\0';
     if (anonExport) {
-        appendf(applications2, DESCRIPTION_BOUND, ", anonymization for export");
+        appendf(description, DESCRIPTION_BOUND, ", anonymization for export");
         bool nonStrict = !nonZeroFile(dir, "strict_anon.txt") || nonZeroFile(dir, "NS.txt");
-        appendf(applications2, DESCRIPTION_BOUND, "%s", nonStrict ? " (non-strict," : " (strict,");
-        appendf(applications2, DESCRIPTION_BOUND, "%s", pixelProcessing ? "optimized)" : "original)");
+        appendf(description, DESCRIPTION_BOUND, "%s", nonStrict ? " (non-strict," : " (strict,");
+        appendf(description, DESCRIPTION_BOUND, "%s", pixelProcessing ? "optimized)" : "original)");
     } else if (pixelProcessing) {
-        appendf(applications2, DESCRIPTION_BOUND, ", Sundel Image Processing");
+        appendf(description, DESCRIPTION_BOUND, ", Sundel Image Processing");
     } else if (pixelProcessingRetain) {
-        appendf(applications2, DESCRIPTION_BOUND, ", Sundel Image Processing + Retain original Pixel Data");
+        appendf(description, DESCRIPTION_BOUND, ", Sundel Image Processing + Retain original Pixel Data");
     } else {
-        appendf(applications2, DESCRIPTION_BOUND, ", No Sundel Image Processing");
+        appendf(description, DESCRIPTION_BOUND, ", No Sundel Image Processing");
     }
-    if (anonExport || pixelProcessing || pixelProcessingRetain) appendf(applications2, DESCRIPTION_BOUND, ", %d workers", NUM_WORKERS);
+    if (anonExport || pixelProcessing || pixelProcessingRetain) appendf(description, DESCRIPTION_BOUND, ", %d workers", NUM_WORKERS);
+    if (strcmp(description, applications2) != 0) memcpy(applications2, description, strlen(description) + 1);
 }
 
 std::string offeredVersion(const KeyValues<char>& table, const char* key) {
@@ -127,6 +143,7 @@ std::string offeredVersion(const KeyValues<char>& table, const char* key) {
 }  // namespace
 
 int processResults(const char* dir, const char* reply) {
+    ResultsLock lock;
     Memory memory;
     KeyValues<char> table(64, 4096);
     int count = 0;
@@ -159,4 +176,9 @@ int processResults(const char* dir, const char* reply) {
     offered.dicomDic = offeredVersion(table, "dicomDicVer");
     if (selfUpdateDue()) runSelfUpdate(dir, offered);
     return 0;
+}
+
+void copyDescription(char* out, size_t size) {
+    ResultsLock lock;
+    snprintf(out, size, "%s", applications2);
 }

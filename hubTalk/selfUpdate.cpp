@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 
@@ -16,7 +17,8 @@ namespace {
 const char* const DEFAULT_INSTALLATION_DIR = "/Applications/Varnesk_Sundel/bin";
 const int UPDATE_EVERY = 19;
 
-int updateCount = 1;
+// Atomic: callers need not hold the reply lock.
+std::atomic<int> updateCount{1};
 
 std::string downloadUrl(const char* path) {
     std::string base = HUBTALK_DOWNLOAD_BASE;
@@ -104,9 +106,12 @@ void updateProgram(const char* dataDir, const std::string& installDir, const std
 
 bool selfUpdateDue() {
     if (!UPDATE) return false;
-    if (++updateCount <= UPDATE_EVERY) return false;
-    updateCount = 1;
-    return true;
+    int seen = updateCount.load();
+    int next;
+    do {
+        next = seen >= UPDATE_EVERY ? 1 : seen + 1;
+    } while (!updateCount.compare_exchange_weak(seen, next));
+    return seen >= UPDATE_EVERY;
 }
 
 void resetSelfUpdateCount() { updateCount = 1; }

@@ -2,6 +2,7 @@
 // relay to the bundled local service, floods and the bind modes.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -22,9 +23,12 @@ struct WithService {
     LocalService service;
     std::unique_ptr<ListenerProcess> listener;
     int port;
+    std::string exportDir = data.file("export");
     WithService() {
         service.prepareAgentDataDir(data.path(), "box7", "Clinic");
-        listener = std::make_unique<ListenerProcess>(data.path());
+        ListenerOptions options;
+        options.exportDir = exportDir;
+        listener = std::make_unique<ListenerProcess>(data.path(), options);
         port = listener->port();
     }
     size_t logged(const std::string& prefix) const {
@@ -50,9 +54,9 @@ TEST(ListenerJson, PingNonsenseAndShutdown) {
     EXPECT_EQ(slurp(tmp.file("SHUTDOWN.txt")), "done");
 }
 
-TEST(ListenerService, DicomSendUploadsTheNamedFile) {
+TEST(ListenerService, DicomSendUploadsOnlyFilesOfTheExportDirectory) {
     WithService s;
-    std::string dump = s.data.file("img.dump"), dcm = s.data.file("img.dcm");
+    std::string dump = s.data.file("img.dump"), dcm = s.exportDir + "/img.dcm";
     spit(dump,
          "(0008,0016) UI =SecondaryCaptureImageStorage\n"
          "(0008,0018) UI [1.2.826.0.1.3680043.2.1125.7.1]\n"
@@ -63,7 +67,20 @@ TEST(ListenerService, DicomSendUploadsTheNamedFile) {
     EXPECT_EQ(talk(s.port, R"({"request_type": "DICOM send"} )" + dcm), "success");
     EXPECT_EQ(slurp(s.service.storedFile("img.dcm")), slurp(dcm));
     EXPECT_NE(s.service.storedHeader("img.dcm").find("|Export|Export|"), std::string::npos);
-    EXPECT_EQ(talk(s.port, R"({"request_type": "dicom SEND"} )" + s.data.file("missing.dcm")), "failure");
+    EXPECT_EQ(talk(s.port, R"({"request_type": "dicom SEND"} )" + s.exportDir + "/missing.dcm"), "failure");
+
+    // Readable files elsewhere, reached directly, through "..", through a
+    // link or as a directory, are never uploaded.
+    std::string outside = s.data.file("outside.dcm");
+    ASSERT_EQ(runProgram({"/bin/cp", dcm, outside}).status, 0);
+    ASSERT_EQ(symlink(outside.c_str(), (s.exportDir + "/link.dcm").c_str()), 0);
+    ASSERT_EQ(mkdir((s.exportDir + "/sub").c_str(), 0775), 0);
+    size_t before = s.service.commands().size();
+    for (const std::string& path : {outside, s.exportDir + "/../outside.dcm", s.exportDir + "/link.dcm",
+                                    std::string("/etc/passwd"), s.exportDir + "/sub", s.exportDir})
+        EXPECT_EQ(talk(s.port, R"({"request_type": "DICOM send"} )" + path), "failure") << path;
+    EXPECT_EQ(s.service.commands().size(), before);
+    for (const char* name : {"outside.dcm", "link.dcm", "passwd"}) EXPECT_FALSE(exists(s.service.storedFile(name))) << name;
 }
 
 TEST(ListenerService, RelayedAnswersAndTheHeartbeatAfterAFailure) {
@@ -72,12 +89,13 @@ TEST(ListenerService, RelayedAnswersAndTheHeartbeatAfterAFailure) {
     s.service.setReply("API.studyList", reply);
     s.service.setReply("API.broken", "Error");
     s.service.setReply("heartbeat", "display_name=Renamed Clinic");
+    // The heartbeat's reply is applied before the connection closes.
     EXPECT_EQ(talk(s.port, R"({"request_type": "broken"})"), "Error");
-    EXPECT_TRUE(waitUntil([&] { return slurp(s.data.file("displayName.txt")) != "Clinic"; }, 10000));
+    EXPECT_NE(slurp(s.data.file("displayName.txt")), "Clinic");
     EXPECT_EQ(s.logged("heartbeat|fqdn=box7"), 1u);
     // Without a request type the service is never asked, yet the heartbeat follows.
     EXPECT_EQ(talk(s.port, R"({"kind": "none"})"), "error");
-    EXPECT_TRUE(waitUntil([&] { return s.logged("heartbeat|") == 2; }, 10000));
+    EXPECT_EQ(s.logged("heartbeat|"), 2u);
 
     const std::string request = R"({"request_type": "studyList", "since": "20240101"})";
     EXPECT_EQ(talk(s.port, request), reply);

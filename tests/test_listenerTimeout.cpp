@@ -1,11 +1,13 @@
-// Clients that stall are cut off by the watchdog after a minute, while the
-// remaining workers keep answering.
+// Clients that stall are cut off by the watchdog after a minute, still
+// answered where an answer is due, while the remaining workers keep answering.
 #include <gtest/gtest.h>
 
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
 #include <thread>
+#include <vector>
 
 #include "listenerClient.h"
 #include "testUtil.h"
@@ -28,11 +30,22 @@ Stalled stall(int port, const std::string& bytes) {
     return s;
 }
 
+// The one file in the directory, "" when there is not exactly one.
+std::string onlyName(const std::string& dir) {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(dir)) names.push_back(entry.path().filename());
+    return names.size() == 1 ? names[0] : "";
+}
+
 }  // namespace
 
 TEST(ListenerTimeout, StalledClientsAreCutOffAfterAMinute) {
-    TempDir tmp;
-    ListenerProcess l(tmp.path(), {"", false, 4});
+    TempDir tmp, logs;
+    ListenerOptions options;
+    options.hl7Dir = tmp.file("HL7");
+    options.threads = 4;
+    options.errorLog = logs.file("stderr.log");
+    ListenerProcess l(tmp.path(), options);
     Stalled silent, halfFrame, halfSharing;
     std::thread a([&] { silent = stall(l.port(), ""); });
     std::thread b([&] { halfFrame = stall(l.port(), "\x0bMSH|^~\\&|A|B|C|D|20240101||ADT^A01|55|P|2.4\r"); });
@@ -49,5 +62,16 @@ TEST(ListenerTimeout, StalledClientsAreCutOffAfterAMinute) {
         EXPECT_GE(s->seconds, 59.0);  // not before the minute is up
     }
     EXPECT_EQ(silent.answer, "");
+    // A frame without its end byte is stored and refused.
+    EXPECT_EQ(halfFrame.answer.compare(0, 28, "\x0bMSH|^~\\&|PDF||GE|ViewPoint|"), 0) << halfFrame.answer;
+    EXPECT_NE(halfFrame.answer.find("|NACK^T01^NACK|"), std::string::npos) << halfFrame.answer;
+    EXPECT_NE(halfFrame.answer.find("\r\nMSA|AE|55||||\x1c\r\n"), std::string::npos) << halfFrame.answer;
+    EXPECT_EQ(slurp(options.hl7Dir + "/" + onlyName(options.hl7Dir)), "MSH|^~\\&|A|B|C|D|20240101||ADT^A01|55|P|2.4");
+    EXPECT_EQ(halfSharing.answer, "error");
+    // Only the client that sent nothing is a failed receive.
+    std::string log = slurp(options.errorLog);
+    size_t at = log.find("Socket receive failed: ");
+    EXPECT_NE(at, std::string::npos) << log;
+    EXPECT_EQ(log.find("Socket receive failed", at + 1), std::string::npos) << log;
     EXPECT_EQ(talk(l.port(), PING_REQUEST), "success");
 }

@@ -102,6 +102,18 @@ TEST(Mllp, RejectionsCarryTheirControlId) {
     EXPECT_EQ(listDir(l.hl7).size(), 2u);
 }
 
+TEST(Mllp, WithoutAnInboundDirectoryNothingIsStored) {
+    // The HL7 cache may be the outbound directory: inbound messages never go there.
+    TempDir tmp;
+    ListenerOptions options;
+    options.hl7Cache = tmp.file("cache");
+    ListenerProcess l(tmp.path(), options);
+    EXPECT_TRUE(isAnswer(talk(l.port(), frame(msh("321") + "\r")), true, "321"));
+    EXPECT_TRUE(isAnswer(talk(l.port(), frame("MSH|a|b\r")), false, "ERROR"));
+    EXPECT_TRUE(listDir(options.hl7Cache).empty());
+    EXPECT_EQ(listDir(tmp.path()), (std::vector<std::string>{"APIport.txt", "cache"}));
+}
+
 TEST(Mllp, HostileControlIdsStayInsideTheDirectory) {
     Hl7Listener l;
     const std::vector<std::string> ids = {"../../escape", "a/b/c", "..", ".", "/etc/passwd", "$(touch PWNED)",

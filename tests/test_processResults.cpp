@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <functional>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -224,6 +225,25 @@ TEST_F(SelfUpdate, FailuresEndTheCheckAndRestoreTheOldProgram) {
     EXPECT_FALSE(exists(install + "/vshubTalk.SV"));
     EXPECT_EQ(read("hubTalkVer.txt"), "20240101:10");
     EXPECT_EQ(calls(), url("/varnesk_sundel/pieces/dicom.dic") + "\n" + url("/varnesk_sundel/piecesX/hubTalk") + "\n");
+}
+
+TEST_F(SelfUpdate, RepliesFromSeveralThreadsAreTakenOneAtATime) {
+    // The tool notices a second download starting while one is under way.
+    tool("*) mkdir \"$(dirname \"$0\")/busy\" || echo overlap >> \"$(dirname \"$0\")/calls.log\"\n"
+         "   sleep 0.2; rmdir \"$(dirname \"$0\")/busy\"; exit 1 ;;");
+    NUM_WORKERS = 3;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 19; ++i) reply(t % 2 ? "optimize=R&dicomDicVer=20250101:00" : "optimize=O&dicomDicVer=20250101:00");
+        });
+    for (auto& t : threads) t.join();
+    // Every nineteenth of the 76 calls, none lost and none run twice at once.
+    std::string once = url("/varnesk_sundel/pieces/dicom.dic") + "\n";
+    EXPECT_EQ(calls(), once + once + once + once);
+    EXPECT_TRUE(applications2 == std::string(", Sundel Image Processing, 3 workers") ||
+                applications2 == std::string(", Sundel Image Processing + Retain original Pixel Data, 3 workers"))
+        << applications2;
 }
 
 }  // namespace

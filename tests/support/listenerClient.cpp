@@ -61,15 +61,20 @@ std::string talk(int port, const std::string& bytes, bool endSending, const char
 }
 
 ListenerProcess::ListenerProcess(const std::string& data, const ListenerOptions& options) {
-    if (!options.hl7Dir.empty()) mkdir(options.hl7Dir.c_str(), 0775);
+    for (const std::string* dir : {&options.hl7Dir, &options.exportDir, &options.hl7Cache})
+        if (!dir->empty()) mkdir(dir->c_str(), 0775);
     m_port = freePort();
     fflush(nullptr);
     m_pid = fork();
     if (m_pid == 0) {
         // Anything a request makes the listener create by mistake lands in view.
         if (chdir(data.c_str()) != 0) _exit(4);
+        if (!options.errorLog.empty() && !freopen(options.errorLog.c_str(), "a", stderr)) _exit(5);
+        setvbuf(stderr, nullptr, _IONBF, 0);
         snprintf(dataDir, sizeof dataDir, "%s", data.c_str());
         snprintf(HL7_inputDir, sizeof HL7_inputDir, "%s", options.hl7Dir.c_str());
+        snprintf(viewpointDir, sizeof viewpointDir, "%s", options.exportDir.c_str());
+        snprintf(HL7_cache, sizeof HL7_cache, "%s", options.hl7Cache.c_str());
         PORT = m_port;
         REMOTE = options.remote;
         NumTcpThreads = options.threads;

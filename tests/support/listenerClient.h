@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <string>
+#include <utility>
 
 extern const char* const PING_REQUEST;
 
@@ -20,9 +21,16 @@ std::string talk(int port, const std::string& bytes, bool endSending = false,
                  const char* host = "127.0.0.1");
 
 struct ListenerOptions {
+    ListenerOptions() = default;
+    ListenerOptions(std::string hl7Dir, bool remote = false, int threads = 3)
+        : hl7Dir(std::move(hl7Dir)), remote(remote), threads(threads) {}
+
     std::string hl7Dir;  // the inbound HL7 directory (made), none when empty
     bool remote = false;
     int threads = 3;
+    std::string exportDir;  // the export directory (made), none when empty
+    std::string hl7Cache;   // the HL7 cache directory (made), none when empty
+    std::string errorLog;   // where its standard error goes, inherited when empty
 };
 
 // Serves the data directory (also its working directory) until the object
