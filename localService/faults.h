@@ -17,5 +17,20 @@ enum class Fault {
     OverPush,     // "overPush": pushed data runs on past the announced size
 };
 
-const char* faultName(Fault fault);
+// The fault's file name under "faults/" (the test harness shares it).
+inline const char* faultName(Fault fault) {
+    switch (fault) {
+    case Fault::NoOk: return "noOk";
+    case Fault::ForeignCert: return "foreignCert";
+    case Fault::WrongKey: return "wrongKey";
+    case Fault::UploadNo: return "uploadNo";
+    case Fault::CutUpload: return "cutUpload";
+    case Fault::CutPush: return "cutPush";
+    case Fault::Silent: return "silent";
+    case Fault::StrayEnd: return "strayEnd";
+    case Fault::OverPush: return "overPush";
+    }
+    return "unknown";
+}
+
 bool faultOn(const ServiceConfig& config, Fault fault);

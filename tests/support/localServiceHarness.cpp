@@ -38,21 +38,6 @@ std::string unescape(const std::string& line) {
 
 }  // namespace
 
-const char* LocalService::faultFile(Fault fault) {
-    switch (fault) {
-    case Fault::NoOk: return "noOk";
-    case Fault::ForeignCert: return "foreignCert";
-    case Fault::WrongKey: return "wrongKey";
-    case Fault::UploadNo: return "uploadNo";
-    case Fault::CutUpload: return "cutUpload";
-    case Fault::CutPush: return "cutPush";
-    case Fault::Silent: return "silent";
-    case Fault::StrayEnd: return "strayEnd";
-    case Fault::OverPush: return "overPush";
-    }
-    return "unknown";
-}
-
 LocalService::LocalService() {
     if (!*LOCAL_SERVICE_BIN) throw std::runtime_error("local service not built");
     for (const char* d : {"boxes", "replies", "queue", "push", "files", "faults"})
@@ -110,7 +95,7 @@ void LocalService::setPushFile(const std::string& name, const std::string& sourc
 }
 
 void LocalService::setFault(Fault fault, bool on) {
-    std::string path = m_config.file(std::string("faults/") + faultFile(fault));
+    std::string path = m_config.file(std::string("faults/") + faultName(fault));
     if (on)
         spitAtomic(path, "on");
     else

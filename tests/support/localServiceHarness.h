@@ -9,22 +9,13 @@
 #include <string>
 #include <vector>
 
+#include "localService/faults.h"
 #include "testUtil.h"
 
 class LocalService {
 public:
     // Fault modes; each is one file under "faults/" in the configuration.
-    enum class Fault {
-        NoOk,         // answer the start marker with "NO" and hang up
-        ForeignCert,  // serve the foreign authority's certificate
-        WrongKey,     // key the data session with a wrong pre-shared key
-        UploadNo,     // decline every upload with "NO"
-        CutUpload,    // hang up half-way through an upload
-        CutPush,      // hang up half-way through pushed data
-        Silent,       // accept connections and never answer
-        StrayEnd,     // end the first session with a notification before the key session
-        OverPush,     // push more bytes than announced
-    };
+    using Fault = ::Fault;
 
     // Starts the service and waits until it listens. Throws when it does not.
     LocalService();
@@ -70,7 +61,6 @@ public:
     void prepareAgentDataDir(const std::string& dataDir, const std::string& boxId,
                              const std::string& displayName);
 
-    static const char* faultFile(Fault fault);
 
 private:
     TempDir m_config;
