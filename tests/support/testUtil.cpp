@@ -51,6 +51,16 @@ bool exists(const std::string& path) {
     return stat(path.c_str(), &st) == 0;
 }
 
+// In a forked child: change into cwd (when given) and run argv; never returns.
+[[noreturn]] static void execIn(const std::vector<std::string>& argv, const std::string& cwd) {
+    if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(126);
+    std::vector<char*> args;
+    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    execv(args[0], args.data());
+    _exit(127);
+}
+
 static void drain(int fd, std::string& into, bool& open) {
     char buf[4096];
     ssize_t n = read(fd, buf, sizeof buf);
@@ -74,12 +84,7 @@ RunResult runProgram(const std::vector<std::string>& argv, const std::string& cw
         close(errPipe[0]);
         close(outPipe[1]);
         close(errPipe[1]);
-        if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(126);
-        std::vector<char*> args;
-        for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-        args.push_back(nullptr);
-        execv(args[0], args.data());
-        _exit(127);
+        execIn(argv, cwd);
     }
     close(outPipe[1]);
     close(errPipe[1]);
@@ -132,12 +137,7 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::stri
         int err = open(stderrPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         if (out >= 0) dup2(out, 1);
         if (err >= 0) dup2(err, 2);
-        if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(126);
-        std::vector<char*> args;
-        for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-        args.push_back(nullptr);
-        execv(args[0], args.data());
-        _exit(127);
+        execIn(argv, cwd);
     }
 }
 
