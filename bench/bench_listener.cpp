@@ -17,25 +17,13 @@
 #include <thread>
 #include <vector>
 
-#include "files.h"
 #include "listener.h"
 #include "settings.h"
+#include "testUtil.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-int freeLoopbackPort() {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
-    socklen_t len = sizeof a;
-    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-    close(fd);
-    return ntohs(a.sin_port);
-}
 
 // One connection, one request, the answer until close; false on any failure.
 bool exchange(int port, const std::string& request, std::string& answer) {
@@ -107,13 +95,12 @@ int main(int argc, char** argv) {
         return 1;
     }
 
-    char tmpl[] = "/tmp/bench-listener-XXXXXX";
-    if (!mkdtemp(tmpl)) return 1;
-    std::string hl7 = std::string(tmpl) + "/HL7";
+    TempDir data;
+    std::string hl7 = data.file("HL7");
     mkdir(hl7.c_str(), 0775);
-    snprintf(dataDir, sizeof dataDir, "%s", tmpl);
+    snprintf(dataDir, sizeof dataDir, "%s", data.path().c_str());
     snprintf(HL7_inputDir, sizeof HL7_inputDir, "%s", hl7.c_str());
-    PORT = freeLoopbackPort();
+    PORT = freePort();
     REMOTE = false;
     NumTcpThreads = workers;
     startListener();
@@ -125,9 +112,5 @@ int main(int argc, char** argv) {
         run("ping", PORT, c, perClient, ping, "success");
         run("mllp", PORT, c, perClient, hl7Message, "MSA|AA|B");
     }
-
-    char* quoted = shellQuote(tmpl);
-    std::string cleanup = std::string("rm -rf ") + quoted;
-    free(quoted);
-    return system(cleanup.c_str()) == 0 ? 0 : 1;
+    return 0;
 }

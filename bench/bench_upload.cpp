@@ -1,25 +1,17 @@
 // Upload throughput to the bundled local service over loopback, beside the
 // limit: a raw pre-shared-key TLS stream between two sockets of this process
 // with the suite the data session negotiates.
-//
-// usage: bench_upload [path of the localService program]
 #include <arpa/inet.h>
-#include <fcntl.h>
-#include <limits.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <sstream>
+#include <exception>
 #include <string>
 #include <thread>
 #include <vector>
@@ -28,83 +20,12 @@
 #include <mbedtls/entropy.h>
 #include <mbedtls/ssl.h>
 
-#include "buildConfig.h"
-#include "files.h"
+#include "localServiceProcess.h"
 #include "sendFile.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-std::string slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-void removeTree(const std::string& dir) {
-    char* quoted = shellQuote(dir.c_str());
-    if (system(("rm -rf " + std::string(quoted)).c_str()) != 0)
-        fprintf(stderr, "cannot remove %s\n", dir.c_str());
-    free(quoted);
-}
-
-void spit(const std::string& path, const std::string& text) {
-    std::ofstream(path, std::ios::binary) << text;
-}
-
-std::string makeTemp() {
-    char tmpl[] = "/tmp/bench_upload.XXXXXX";
-    char* d = mkdtemp(tmpl);
-    if (!d) {
-        perror("mkdtemp");
-        exit(1);
-    }
-    return d;
-}
-
-std::string defaultServicePath() {
-    char self[PATH_MAX];
-    ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-    if (n <= 0) return "localService";
-    self[n] = '\0';
-    std::string dir(self);
-    dir = dir.substr(0, dir.find_last_of('/'));
-    return dir + "/../localService/localService";
-}
-
-struct Service {
-    pid_t pid = -1;
-    int port = 0;
-    std::string config;
-
-    bool start(const std::string& program) {
-        config = makeTemp();
-        pid = fork();
-        if (pid == 0) {
-            int null = open("/dev/null", O_WRONLY);
-            dup2(null, 1);
-            dup2(null, 2);
-            execl(program.c_str(), program.c_str(), "--config", config.c_str(), "--port", "0",
-                  (char*)nullptr);
-            _exit(127);
-        }
-        for (int i = 0; i < 200 && port == 0; ++i) {
-            std::string p = slurp(config + "/port");
-            if (!p.empty()) port = atoi(p.c_str());
-            if (port == 0) std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        }
-        return port > 0;
-    }
-    ~Service() {
-        if (pid > 0) {
-            kill(pid, SIGTERM);
-            waitpid(pid, nullptr, 0);
-        }
-        if (!config.empty()) removeTree(config);
-    }
-};
 
 void makeFile(const std::string& path, size_t size) {
     std::vector<char> block(1 << 20);
@@ -118,7 +39,7 @@ void makeFile(const std::string& path, size_t size) {
     fclose(f);
 }
 
-void benchUploads(const std::string& dataDir, const std::string& files, const Service& svc,
+void benchUploads(const std::string& dataDir, const std::string& files, const LocalService& svc,
                   const char* label, size_t size, int count) {
     std::string path = files + "/payload.bin";
     makeFile(path, size);
@@ -127,7 +48,7 @@ void benchUploads(const std::string& dataDir, const std::string& files, const Se
     for (int i = 0; i < count; ++i) {
         failed += SendFile::sendWFile(path.c_str(), ("f" + std::to_string(i) + ".bin").c_str(),
                                       nullptr, "A", "B", dataDir.c_str(), true, false) != 0;
-        unlink((svc.config + "/store/f" + std::to_string(i) + ".bin").c_str());
+        unlink(svc.storedFile("f" + std::to_string(i) + ".bin").c_str());
     }
     double s = std::chrono::duration<double>(Clock::now() - t0).count();
     printf("upload %-7s x %4d: %8.1f MB/s  %8.1f files/s  (%d failed)\n", label, count,
@@ -230,29 +151,20 @@ void benchRawStream(size_t total) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main() {
     signal(SIGPIPE, SIG_IGN);
-    std::string program = argc > 1 ? argv[1] : defaultServicePath();
-    Service svc;
-    if (!svc.start(program)) {
-        fprintf(stderr, "cannot start %s\n", program.c_str());
+    try {
+        LocalService svc;
+        TempDir data, files;
+        svc.prepareAgentDataDir(data.path(), "benchbox", "Bench Clinic");
+
+        benchUploads(data.path(), files.path(), svc, "1 KB", 1024, 300);
+        benchUploads(data.path(), files.path(), svc, "1 MB", 1 << 20, 50);
+        benchUploads(data.path(), files.path(), svc, "200 MB", 200u << 20, 2);
+        benchRawStream(400u << 20);
+    } catch (const std::exception& e) {
+        fprintf(stderr, "%s\n", e.what());
         return 1;
     }
-    std::string data = makeTemp(), files = makeTemp();
-    mkdir((svc.config + "/boxes").c_str(), 0775);
-    spit(svc.config + "/boxes/benchbox", "Bench Clinic");
-    spit(data + "/sundel.crt", slurp(std::string(HUBTALK_PKI_DIR) + "/ca.crt"));
-    spit(data + "/hosts.txt", "127.0.0.1");
-    spit(data + "/port.txt", std::to_string(svc.port));
-    spit(data + "/hostName.txt", "benchbox");
-    spit(data + "/displayName.txt", "Bench Clinic");
-
-    benchUploads(data, files, svc, "1 KB", 1024, 300);
-    benchUploads(data, files, svc, "1 MB", 1 << 20, 50);
-    benchUploads(data, files, svc, "200 MB", 200u << 20, 2);
-    benchRawStream(400u << 20);
-
-    removeTree(data);
-    removeTree(files);
     return 0;
 }

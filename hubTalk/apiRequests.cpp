@@ -1,7 +1,6 @@
 #include "apiRequests.h"
 
 #include <strings.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -24,12 +23,6 @@ namespace {
 // A sharing document beyond this is not a request but an attack.
 const unsigned int MAX_SHARING_DOCUMENT = 16 * 1024 * 1024;
 
-// Zero bytes would cut the text short; they read as blanks, as in state files.
-void blankZeros(char* bytes, ssize_t n) {
-    for (ssize_t i = 0; i < n; i++)
-        if (bytes[i] == '\0') bytes[i] = ' ';
-}
-
 // Only a closing quote or bracket can complete a document that did not parse
 // yet, so other chunks are not worth a new parse of the whole text.
 bool mayComplete(const char* bytes, ssize_t n) {
@@ -47,11 +40,6 @@ void finish(ListenerConnection& conn) {
     if (VERBOSE) puts("At bottom of request Loop");
 }
 
-bool isRegularFile(const std::string& path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
-}
-
 std::string resolvedPath(const std::string& path) {
     char* resolved = realpath(path.c_str(), nullptr);
     if (!resolved) return "";
@@ -60,28 +48,22 @@ std::string resolvedPath(const std::string& path) {
     return out;
 }
 
-}  // namespace
-
+// The file a "DICOM send" request names, resolved (no links, no ".."); ""
+// unless it is a regular file inside the export directory.
 std::string exportFileOf(const char* request) {
     if (!viewpointDir[0]) return "";
-    // As the upload reads it: the whole text when that names a file, else
-    // its last blank-separated word.
-    std::string path = request;
-    if (!isRegularFile(path)) {
-        size_t begin = path.find_first_not_of(" \t\r\n");
-        size_t end = path.find_last_not_of(" \t\r\n");
-        path = begin == std::string::npos ? "" : path.substr(begin, end + 1 - begin);
-        size_t blank = path.find_last_of(' ');
-        if (blank != std::string::npos) path = path.substr(blank + 1);
-    }
-    std::string file = resolvedPath(path);
+    // Read as the upload reads it.
+    std::string file = resolvedPath(SendFile::namedFile(request));
     std::string dir = resolvedPath(viewpointDir);
-    if (file.empty() || dir.empty() || !isRegularFile(file)) return "";
+    if (file.empty() || dir.empty()) return "";
     if (dir.back() != '/') dir += '/';
     return file.compare(0, dir.size(), dir) == 0 ? file : "";
 }
 
+// A sharing document, the only request allowed to span several receives.
 bool isSharingDocument(const char* text) { return strstr(text, "\"sharing\"") != nullptr; }
+
+}  // namespace
 
 void handleApiRequest(ListenerConnection& conn, char* first, int n) {
     blankZeros(first, n);

@@ -13,7 +13,6 @@
 //   not JSON                  -> "error"
 // Request types match without regard to case.
 #pragma once
-#include <string>
 
 struct ListenerConnection;
 
@@ -21,11 +20,3 @@ struct ListenerConnection;
 // first, and closes the connection. Only a sharing document may continue
 // beyond the first receive.
 void handleApiRequest(ListenerConnection& conn, char* first, int n);
-
-// True when the text mentions "sharing" in double quotes: a sharing document,
-// the only request allowed to span several receives.
-bool isSharingDocument(const char* text);
-
-// The file a "DICOM send" request names, resolved (no links, no ".."); ""
-// unless it is a regular file inside the export directory.
-std::string exportFileOf(const char* request);

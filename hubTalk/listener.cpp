@@ -48,6 +48,11 @@ bool startThread(void* (*entry)(void*), void* arg) {
 
 }  // namespace
 
+void blankZeros(char* bytes, ssize_t n) {
+    for (ssize_t i = 0; i < n; i++)
+        if (bytes[i] == '\0') bytes[i] = ' ';
+}
+
 // ------------------------------------------------------------- connection
 
 ListenerConnection::ListenerConnection(int fd, int slot) : fd(fd), slot(slot) {
@@ -69,7 +74,7 @@ void ListenerConnection::disarm() {
     armed = false;
 }
 
-bool ListenerConnection::expired() { return armed && m_alarms->getRemainingMs(slot) == 0; }
+bool ListenerConnection::expired() { return armed && m_alarms->fired(slot); }
 
 ssize_t ListenerConnection::receive(char* buf, size_t size) {
     for (;;) {

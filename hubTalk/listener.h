@@ -32,6 +32,10 @@ void* thread_proc(void* listenSocket);
 // detached LISTENER_STACK thread. True when the thread was started.
 bool startListener();
 
+// Turns the zero bytes of received text into blanks, so that they do not cut
+// it short (as in state files).
+void blankZeros(char* bytes, ssize_t n);
+
 // Receive and send time-out of a connected socket: a backstop for a
 // watchdog signal that came just before the call blocked, and was lost.
 const int LISTENER_SOCKET_TIMEOUT_S = 61;

@@ -11,21 +11,13 @@
 
 #include "files.h"
 #include "processResults.h"
+#include "selfUpdate.h"
 #include "sendFile.h"
 #include "settings.h"
 #include "startup.h"
 #include "text.h"
 
 namespace {
-
-
-// readTrimmed hands out ring memory: keep a copy.
-std::string stateText(const char* dir, const char* name) { return readTrimmed(dir, name); }
-
-std::string versionText(const char* dir, const char* name) {
-    std::string v = stateText(dir, name);
-    return v.empty() ? "0" : v;
-}
 
 // Sleeps the whole time even when a signal cuts the sleep short.
 unsigned sleepFully(unsigned seconds) {
@@ -35,16 +27,22 @@ unsigned sleepFully(unsigned seconds) {
     return 0;
 }
 
+// The length of each of the three sleeps of one cycle of `period` seconds.
+unsigned loopSleepSeconds(int period) {
+    if (period < 3) period = 3;
+    return static_cast<unsigned>(period / 3);
+}
+
 }  // namespace
 
 char* heartbeatQuery(const char* dir, const char* internalIp, char* query) {
     query[0] = '\0';
-    std::string hubTalkVer = versionText(dir, "hubTalkVer.txt");
-    std::string storescpVer = versionText(dir, "storescpVer.txt");
-    std::string dicomDicVer = versionText(dir, "dicomDicVer.txt");
-    std::string fqdn = stateText(dir, "hostName.txt");
-    std::string port = stateText(dir, "scpPort.txt");
-    std::string parent = stateText(dir, "CLIENTVP6.txt");
+    std::string hubTalkVer = versionOrZero(readTrimmed(dir, "hubTalkVer.txt"));
+    std::string storescpVer = versionOrZero(readTrimmed(dir, "storescpVer.txt"));
+    std::string dicomDicVer = versionOrZero(readTrimmed(dir, "dicomDicVer.txt"));
+    std::string fqdn = readTrimmed(dir, "hostName.txt");
+    std::string port = readTrimmed(dir, "scpPort.txt");
+    std::string parent = readTrimmed(dir, "CLIENTVP6.txt");
 
     appendf(query, HEARTBEAT_QUERY_SIZE, "version=%.16s-%.16s-%.16s", hubTalkVer.c_str(), storescpVer.c_str(),
            dicomDicVer.c_str());
@@ -60,11 +58,6 @@ char* heartbeatQuery(const char* dir, const char* internalIp, char* query) {
     if (description[0]) appendf(query, HEARTBEAT_QUERY_SIZE, "%s", description);
     appendf(query, HEARTBEAT_QUERY_SIZE, "&os=%s", "OS X");
     return query;
-}
-
-unsigned loopSleepSeconds(int period) {
-    if (period < 3) period = 3;
-    return static_cast<unsigned>(period / 3);
 }
 
 void loopCycle(const char* dir, unsigned (*pause)(unsigned)) {
@@ -88,7 +81,7 @@ void loopCycle(const char* dir, unsigned (*pause)(unsigned)) {
     }
     pause(third);
 
-    std::string failures = stateText(dir, "ErrorFile.txt");
+    std::string failures = readTrimmed(dir, "ErrorFile.txt");
     if (strtol(failures.c_str(), nullptr, 10) > 0) SendFile::sendFailureCommand(dir, VERBOSE, QUIET, 0);
     pause(third);
 }

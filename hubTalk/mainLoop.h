@@ -13,9 +13,6 @@ const size_t HEARTBEAT_QUERY_SIZE = 650;
 // cut, so its last fields ("&os=" first) are the ones lost. Returns query.
 char* heartbeatQuery(const char* dataDir, const char* internalIp, char* query);
 
-// The length of each of the three sleeps of one cycle of `period` seconds.
-unsigned loopSleepSeconds(int period);
-
 // One cycle: versions, internal address (written to "internalIp.txt"), query,
 // server-list refresh, sleep, heartbeat and its reply, sleep, failure report,
 // sleep. The sleeps go through pause (sleep(3) in production) with a third

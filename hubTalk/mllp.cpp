@@ -19,10 +19,8 @@ const char END_BYTE = 0x1C;
 const unsigned int MAX_FRAME = 16 * 1024 * 1024;
 const size_t MAX_ID_IN_NAME = 64;
 
-// Zero bytes would cut the message short; they are stored as blanks.
 void appendBlanked(GrowingString& out, char* bytes, ssize_t n) {
-    for (ssize_t i = 0; i < n; i++)
-        if (bytes[i] == '\0') bytes[i] = ' ';
+    blankZeros(bytes, n);
     out.add(bytes, static_cast<int>(n));
 }
 
@@ -31,9 +29,8 @@ bool safeNameByte(unsigned char c) {
            c == '_' || c == '.';
 }
 
-}  // namespace
-
-// Never the HL7 cache: for link-file sites that is the outbound directory.
+// Where inbound messages are stored ("": nowhere). Never the HL7 cache: for
+// link-file sites that is the outbound directory.
 const char* hl7InboundDir() { return HL7_inputDir; }
 
 void buildHl7Answer(GrowingString& out, bool accepted, const char* controlId, const char* timestamp) {
@@ -46,6 +43,10 @@ void buildHl7Answer(GrowingString& out, bool accepted, const char* controlId, co
     out.add(end);
 }
 
+// "<control id>.<n>.hl7" with the control ID reduced to a safe file name:
+// other bytes than letters, digits, '-', '_' and '.' become '_', a leading
+// '.' too, it is cut at 64 bytes, and an empty one reads "NOID". The name
+// never leaves its directory.
 char* hl7FileName(const char* controlId, unsigned int n, char* out, size_t size) {
     char safe[MAX_ID_IN_NAME + 1];
     size_t k = 0;
@@ -59,16 +60,17 @@ char* hl7FileName(const char* controlId, unsigned int n, char* out, size_t size)
     return out;
 }
 
-void handleHl7Request(ListenerConnection& conn, const char* first, int n) {
+}  // namespace
+
+void handleHl7Request(ListenerConnection& conn, char* first, int n) {
     Memory arena;
     GrowingString text;
-    char* buf = static_cast<char*>(arena.malloc(LISTENER_BUFFER));
-    memcpy(buf, first, static_cast<size_t>(n));
-    appendBlanked(text, buf, n);
+    appendBlanked(text, first, n);
 
     // Receiving stops at the first chunk holding an end byte, so the last end
     // byte of the text is always in the newest chunk.
-    bool complete = memrchr(buf, END_BYTE, static_cast<size_t>(n)) != nullptr;
+    bool complete = memrchr(first, END_BYTE, static_cast<size_t>(n)) != nullptr;
+    char* buf = static_cast<char*>(arena.malloc(LISTENER_BUFFER));
     conn.arm(LISTENER_TIMEOUT_MS);
     while (!complete && text.length() < MAX_FRAME) {
         ssize_t got = conn.receive(buf, LISTENER_BUFFER);

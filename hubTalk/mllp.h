@@ -8,25 +8,9 @@
 //   0x1C "\r\n"
 // <ts> is the local time "%Y%m%d%H%M%S". CR LF segment ends are deliberate.
 #pragma once
-#include <cstddef>
 
 struct ListenerConnection;
-class GrowingString;
 
 // Serves one message whose first receive (n bytes, starting with 0x0B) is in
 // first, and closes the connection.
-void handleHl7Request(ListenerConnection& conn, const char* first, int n);
-
-// Where inbound messages are stored: the inbound HL7 directory; "" when it is
-// not set, and then nothing is stored.
-const char* hl7InboundDir();
-
-// The acknowledgement, appended to out.
-void buildHl7Answer(GrowingString& out, bool accepted, const char* controlId,
-                    const char* timestamp);
-
-// "<control id>.<n>.hl7" with the control ID reduced to a safe file name:
-// bytes other than letters, digits, '-', '_' and '.' become '_', a leading
-// '.' too, it is cut at 64 bytes, and an empty one reads "NOID". The name
-// never leaves its directory. Returns out.
-char* hl7FileName(const char* controlId, unsigned int n, char* out, size_t size);
+void handleHl7Request(ListenerConnection& conn, char* first, int n);

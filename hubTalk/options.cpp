@@ -1,7 +1,6 @@
 #include "options.h"
 
 #include <getopt.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,7 +18,9 @@ const char* const USAGE =
 
 static void copyBounded(char* dst, size_t cap, const char* src) { snprintf(dst, cap, "%s", src ? src : ""); }
 
-void selectEmrInterface(const char* arg) {
+// The EMR interface kind named by an -A argument (by its first letter, or the
+// whole word "meditouch"); sets EMR_INTF, InterfaceName and applications1.
+static void selectEmrInterface(const char* arg) {
     int kind = EMR_NONE;
     switch (::tolower(static_cast<unsigned char>(arg[0]))) {
         case 'a': kind = EMR_ALLSCRIPTS; break;
@@ -27,16 +28,13 @@ void selectEmrInterface(const char* arg) {
         case 'e': kind = EMR_ECLINICAL; break;
         case 'o': kind = EMR_OSTI; break;
         case 's': kind = EMR_SEVOCITY; break;
-        default:
+        case 'f': kind = EMR_FORWARD; break;
+        case 'r': kind = EMR_HL7FILE; break;
+        case 'm':
             // The whole word wins over its first letter.
-            if (strcasecmp(arg, "meditouch") == 0)
-                kind = EMR_MEDITOUCH;
-            else if (::tolower(static_cast<unsigned char>(arg[0])) == 'f')
-                kind = EMR_FORWARD;
-            else if (::tolower(static_cast<unsigned char>(arg[0])) == 'm')
-                kind = EMR_MEDENT;
-            else if (::tolower(static_cast<unsigned char>(arg[0])) == 'r')
-                kind = EMR_HL7FILE;
+            kind = strcasecmp(arg, "meditouch") == 0 ? EMR_MEDITOUCH : EMR_MEDENT;
+            break;
+        default: break;
     }
     EMR_INTF = kind;
     if (kind != EMR_NONE)
@@ -150,11 +148,7 @@ void parseOptions(int argc, char** argv, StartOptions& options) {
             case 'n': NumTcpThreads = atoi(optarg); break;
             case 'R':
                 // A first start names its servers before the data dir exists.
-                if (dataDir[0] && !fileExists(dataDir, "")) {
-                    mkdir(dataDir, 0775);
-                    chmod(dataDir, 0775);
-                    updateCert(dataDir);
-                }
+                if (dataDir[0] && !fileExists(dataDir, "")) makeDataDir(dataDir, false);
                 writeTxt(dataDir, "receiver.txt", optarg);
                 writeTxt(dataDir, "hosts.txt", optarg);
                 break;

@@ -12,10 +12,6 @@ struct StartOptions {
 // (server list files). Exits with status 1 for -?.
 void parseOptions(int argc, char** argv, StartOptions& options);
 
-// The EMR interface kind named by an -A argument (by its first letter, or the
-// whole word "meditouch"); sets EMR_INTF, InterfaceName and applications1.
-void selectEmrInterface(const char* argument);
-
 // -N: processing mode, optionally "-<workers>"; onlineCpus is the machine's count.
 void applyProcessingMode(const char* argument, int onlineCpus);
 

@@ -113,31 +113,24 @@ void recomputeFlags(const char* dir, const std::string& c) {
     }
 }
 
+// Runs under the reply lock, which copyDescription takes as well: the
+// heartbeat never sees a half-written description.
 void rebuildDescription(const char* dir) {
     if (!viewpointDir[0] || HL7_inputDir[0] || (EMR_INTF != EMR_NONE && EMR_INTF != EMR_HL7FILE)) return;
-    // Built aside: the heartbeat reads the description without our lock, and
-    // an unchanged one is then never seen half-written.
-    char description[sizeof applications2];
-    description[0] = '\0';
+    applications2[0] = '\0';
     if (anonExport) {
-        appendf(description, DESCRIPTION_BOUND, ", anonymization for export");
+        appendf(applications2, DESCRIPTION_BOUND, ", anonymization for export");
         bool nonStrict = !nonZeroFile(dir, "strict_anon.txt") || nonZeroFile(dir, "NS.txt");
-        appendf(description, DESCRIPTION_BOUND, "%s", nonStrict ? " (non-strict," : " (strict,");
-        appendf(description, DESCRIPTION_BOUND, "%s", pixelProcessing ? "optimized)" : "original)");
+        appendf(applications2, DESCRIPTION_BOUND, "%s", nonStrict ? " (non-strict," : " (strict,");
+        appendf(applications2, DESCRIPTION_BOUND, "%s", pixelProcessing ? "optimized)" : "original)");
     } else if (pixelProcessing) {
-        appendf(description, DESCRIPTION_BOUND, ", Sundel Image Processing");
+        appendf(applications2, DESCRIPTION_BOUND, ", Sundel Image Processing");
     } else if (pixelProcessingRetain) {
-        appendf(description, DESCRIPTION_BOUND, ", Sundel Image Processing + Retain original Pixel Data");
+        appendf(applications2, DESCRIPTION_BOUND, ", Sundel Image Processing + Retain original Pixel Data");
     } else {
-        appendf(description, DESCRIPTION_BOUND, ", No Sundel Image Processing");
+        appendf(applications2, DESCRIPTION_BOUND, ", No Sundel Image Processing");
     }
-    if (anonExport || pixelProcessing || pixelProcessingRetain) appendf(description, DESCRIPTION_BOUND, ", %d workers", NUM_WORKERS);
-    if (strcmp(description, applications2) != 0) memcpy(applications2, description, strlen(description) + 1);
-}
-
-std::string offeredVersion(const KeyValues<char>& table, const char* key) {
-    std::string v = trimmedValue(table, key);
-    return v.empty() ? "0" : v;
+    if (anyProcessingMode()) appendf(applications2, DESCRIPTION_BOUND, ", %d workers", NUM_WORKERS);
 }
 
 }  // namespace
@@ -171,9 +164,9 @@ int processResults(const char* dir, const char* reply) {
     rebuildDescription(dir);
 
     OfferedVersions offered;
-    offered.hubTalk = offeredVersion(table, "hubTalkVer");
-    offered.storescp = offeredVersion(table, "storescpVer");
-    offered.dicomDic = offeredVersion(table, "dicomDicVer");
+    offered.hubTalk = versionOrZero(trimmedValue(table, "hubTalkVer"));
+    offered.storescp = versionOrZero(trimmedValue(table, "storescpVer"));
+    offered.dicomDic = versionOrZero(trimmedValue(table, "dicomDicVer"));
     if (selfUpdateDue()) runSelfUpdate(dir, offered);
     return 0;
 }

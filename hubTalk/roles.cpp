@@ -14,7 +14,7 @@ void startRoleThreads() {
     // The EMR loop comes here, as its role is built.
     if (viewpointDir[0]) writeTxt(dataDir, "viewpointDir.txt", viewpointDir);
     // The export sender and the router come here.
-    if (anonExport || pixelProcessing || pixelProcessingRetain) {
+    if (anyProcessingMode()) {
         // Worker 0 uses qDir itself; the others get queues of their own.
         for (int n = 1; n < NUM_WORKERS; ++n) {
             char queue[272];

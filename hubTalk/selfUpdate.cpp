@@ -20,6 +20,13 @@ const int UPDATE_EVERY = 19;
 // Atomic: callers need not hold the reply lock.
 std::atomic<int> updateCount{1};
 
+// Where the program was started from (PROCESS_DIR when PREFIX holds a "/"),
+// else the standard installation directory.
+std::string installationDir() {
+    if (!strchr(PREFIX, '/')) return DEFAULT_INSTALLATION_DIR;
+    return PROCESS_DIR[0] ? PROCESS_DIR : "/";
+}
+
 std::string downloadUrl(const char* path) {
     std::string base = HUBTALK_DOWNLOAD_BASE;
     while (!base.empty() && base.back() == '/') base.pop_back();
@@ -40,11 +47,6 @@ int download(const std::string& installDir, const char* path, const std::string&
     return system(command.c_str());
 }
 
-std::string installedVersion(const char* dataDir, const char* name) {
-    std::string v = readTrimmed(dataDir, name);
-    return v.empty() ? "0" : v;
-}
-
 // Puts the downloaded "<current>.NEW" in place, keeping the old file as
 // "<current>.SV"; a failed second move brings the old file back.
 bool replaceExecutable(const std::string& current) {
@@ -62,7 +64,7 @@ bool replaceExecutable(const std::string& current) {
 
 // Returns false when the check must end here.
 bool updateDictionary(const char* dataDir, const std::string& installDir, const std::string& offered) {
-    std::string installed = installedVersion(dataDir, "dicomDicVer.txt");
+    std::string installed = versionOrZero(readTrimmed(dataDir, "dicomDicVer.txt"));
     if (!isNewerVersion(offered.c_str(), installed.c_str())) return true;
     std::string target = std::string(dataDir) + "/dicom.NEW.dic";
     if (download(installDir, "/varnesk_sundel/pieces/dicom.dic", target) != 0) return false;
@@ -79,7 +81,7 @@ bool updateDictionary(const char* dataDir, const std::string& installDir, const 
 }
 
 bool updateReceiver(const char* dataDir, const std::string& installDir, const std::string& offered) {
-    std::string installed = installedVersion(dataDir, "storescpVer.txt");
+    std::string installed = versionOrZero(readTrimmed(dataDir, "storescpVer.txt"));
     std::string name = std::string(PRE) + "storescp";
     if (!isNewerVersion(offered.c_str(), installed.c_str()) ||
         !nonZeroFile(installDir.c_str(), name.c_str()))
@@ -92,7 +94,7 @@ bool updateReceiver(const char* dataDir, const std::string& installDir, const st
 }
 
 void updateProgram(const char* dataDir, const std::string& installDir, const std::string& offered) {
-    std::string installed = installedVersion(dataDir, "hubTalkVer.txt");
+    std::string installed = versionOrZero(readTrimmed(dataDir, "hubTalkVer.txt"));
     if (!isNewerVersion(offered.c_str(), installed.c_str())) return;
     std::string current = installDir + "/" + PRE + "hubTalk";
     if (download(installDir, "/varnesk_sundel/piecesX/hubTalk", current + ".NEW") != 0) return;
@@ -116,10 +118,7 @@ bool selfUpdateDue() {
 
 void resetSelfUpdateCount() { updateCount = 1; }
 
-std::string installationDir() {
-    if (!strchr(PREFIX, '/')) return DEFAULT_INSTALLATION_DIR;
-    return PROCESS_DIR[0] ? PROCESS_DIR : "/";
-}
+std::string versionOrZero(const std::string& text) { return text.empty() ? "0" : text; }
 
 bool isNewerVersion(const char* offered, const char* installed) {
     if (!offered || !*offered || strcmp(offered, "0") == 0) return false;

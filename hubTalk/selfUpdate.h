@@ -18,9 +18,8 @@ bool selfUpdateDue();
 // Back to the count of a freshly started process.
 void resetSelfUpdateCount();
 
-// Where the program was started from (PROCESS_DIR when PREFIX holds a "/"),
-// else the standard installation directory.
-std::string installationDir();
+// The version text as given, or "0" when it is empty.
+std::string versionOrZero(const std::string& text);
 
 // True when the offered version sorts byte-wise after the installed one and is not "0".
 bool isNewerVersion(const char* offered, const char* installed);

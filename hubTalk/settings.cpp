@@ -1,58 +1,58 @@
 #include "settings.h"
 
 #include <cstring>
-#include <initializer_list>
 
-char dataDir[256];
-char viewpointDir[256];
-char HL7_dir[256];
-char HL7_inputDir[256];
-char HL7_cache[256];
-char qDir[256];
-char ShortCodeFile[256];
-char TestCodeFile[256];
-char ER_ip[32];
-int ER_port = 104;
-char EmbedType[64];
-char InterfaceName[64];
-char applications1[800];
-int EMR_INTF = EMR_NONE;
-bool EMR_SR = false;
-bool EMR_PDF = false;
-bool anonExport = false, _anonExport = false;
-bool pixelProcessing = false, _pixelProcessing = false;
-bool pixelProcessingRetain = false, _pixelProcessingRetain = false;
-int NUM_CPUS = 1;
-int NUM_WORKERS = 1;
-bool VERBOSE = false;
-bool QUIET = false;
-bool UPDATE = false;
-bool REMOTE = true;
-int PORT = 0;
-int NumTcpThreads = 3;
-int sleepTime = 60;
-char PREFIX[256];
-char PROCESS_DIR[256];
-const char* PRE = PREFIX + 255;  // an empty text until start-up finds the program's path
+// Every setting with its default, listed once: both the definitions and
+// resetSettings are generated from these lists, so the two cannot drift.
+#define TEXT_SETTINGS(X)                   \
+    X(dataDir, 256)                        \
+    X(viewpointDir, 256)                   \
+    X(HL7_dir, 256)                        \
+    X(HL7_inputDir, 256)                   \
+    X(HL7_cache, 256)                      \
+    X(qDir, 256)                           \
+    X(ShortCodeFile, 256)                  \
+    X(TestCodeFile, 256)                   \
+    X(ER_ip, 32)                           \
+    X(EmbedType, 64)                       \
+    X(InterfaceName, 64)                   \
+    X(applications1, 800)                  \
+    X(PREFIX, 256)                         \
+    X(PROCESS_DIR, 256)
+
+// PRE is an empty text until start-up finds the program's path.
+#define VALUE_SETTINGS(X)                  \
+    X(int, ER_port, 104)                   \
+    X(int, EMR_INTF, EMR_NONE)             \
+    X(bool, EMR_SR, false)                 \
+    X(bool, EMR_PDF, false)                \
+    X(bool, anonExport, false)             \
+    X(bool, _anonExport, false)            \
+    X(bool, pixelProcessing, false)        \
+    X(bool, _pixelProcessing, false)       \
+    X(bool, pixelProcessingRetain, false)  \
+    X(bool, _pixelProcessingRetain, false) \
+    X(int, NUM_CPUS, 1)                    \
+    X(int, NUM_WORKERS, 1)                 \
+    X(bool, VERBOSE, false)                \
+    X(bool, QUIET, false)                  \
+    X(bool, UPDATE, false)                 \
+    X(bool, REMOTE, true)                  \
+    X(int, PORT, 0)                        \
+    X(int, NumTcpThreads, 3)               \
+    X(int, sleepTime, 60)                  \
+    X(const char*, PRE, PREFIX + 255)
+
+#define DEFINE_TEXT(name, size) char name[size];
+#define DEFINE_VALUE(type, name, value) type name = value;
+TEXT_SETTINGS(DEFINE_TEXT)
+VALUE_SETTINGS(DEFINE_VALUE)
 
 void resetSettings() {
-    for (char* s : {dataDir, viewpointDir, HL7_dir, HL7_inputDir, HL7_cache, qDir, ShortCodeFile,
-                    TestCodeFile, PREFIX, PROCESS_DIR})
-        memset(s, 0, 256);
-    memset(ER_ip, 0, sizeof ER_ip);
-    memset(EmbedType, 0, sizeof EmbedType);
-    memset(InterfaceName, 0, sizeof InterfaceName);
-    memset(applications1, 0, sizeof applications1);
-    ER_port = 104;
-    EMR_INTF = EMR_NONE;
-    EMR_SR = EMR_PDF = false;
-    anonExport = _anonExport = pixelProcessing = _pixelProcessing = false;
-    pixelProcessingRetain = _pixelProcessingRetain = false;
-    NUM_CPUS = NUM_WORKERS = 1;
-    VERBOSE = QUIET = UPDATE = false;
-    REMOTE = true;
-    PORT = 0;
-    NumTcpThreads = 3;
-    sleepTime = 60;
-    PRE = PREFIX + 255;
+#define RESET_TEXT(name, size) memset(name, 0, sizeof name);
+#define RESET_VALUE(type, name, value) name = value;
+    TEXT_SETTINGS(RESET_TEXT)
+    VALUE_SETTINGS(RESET_VALUE)
 }
+
+bool anyProcessingMode() { return anonExport || pixelProcessing || pixelProcessingRetain; }

@@ -48,5 +48,9 @@ extern char PREFIX[256];
 extern char PROCESS_DIR[256];
 extern const char* PRE;
 
+// True when any of anonymisation, pixel processing or processing with the
+// original pixels retained is on.
+bool anyProcessingMode();
+
 // Back to the defaults above (tests parse several command lines in one process).
 void resetSettings();

@@ -24,8 +24,7 @@ void updateCert(const char* dir) {
     if (!nonZeroFile(dir, "sundel.crt")) writeTxt(dir, "sundel.crt", PINNED_CA_PEM);
 }
 
-
-// Bounded formatting into a fixed buffer; cutting is the intended behaviour.
+// Cutting is intended here; a direct snprintf would draw -Wformat-truncation.
 static void formatInto(char* dst, size_t size, const char* format, ...) {
     va_list args;
     va_start(args, format);
@@ -33,19 +32,34 @@ static void formatInto(char* dst, size_t size, const char* format, ...) {
     va_end(args);
 }
 
-[[noreturn]] static void fail(const char* format, const char* arg) {
-    fprintf(stderr, format, arg);
+[[noreturn]] __attribute__((format(printf, 1, 2))) static void fail(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    vfprintf(stderr, format, args);
+    va_end(args);
     fflush(stderr);
     exit(1);
+}
+
+static void createDir(const char* path) {
+    mkdir(path, 0775);
+    chmod(path, 0775);
 }
 
 // Creates a directory the program needs; false when it is still missing.
 static bool makeDir(const char* path) {
     if (fileExists(path, "")) return true;
-    mkdir(path, 0775);
-    chmod(path, 0775);
+    createDir(path);
     sleep(1);
     return fileExists(path, "");
+}
+
+bool makeDataDir(const char* dir, bool settle) {
+    createDir(dir);
+    if (settle) sleep(1);
+    if (!fileExists(dir, "")) return false;
+    updateCert(dir);
+    return true;
 }
 
 // Appends to the description within its bound.
@@ -75,17 +89,11 @@ static void describeExport() {
     if (EMR_INTF == EMR_HL7FILE && !HL7_inputDir[0]) describe("(with delay)");
 }
 
-static bool anyProcessingMode() { return anonExport || pixelProcessing || pixelProcessingRetain; }
-
 // Writes the name to "hostName.txt" and checks that it reads back unchanged.
 static void writeIdentity(const char* name) {
     writeTxt(dataDir, "hostName.txt", name);
     char* back = readTrimmed(dataDir, "hostName.txt");
-    if (strcmp(back, name) != 0) {
-        fprintf(stderr, "Unable to write internal name to %s/hostName.txt\n%s", dataDir, name);
-        fflush(stderr);
-        exit(1);
-    }
+    if (strcmp(back, name) != 0) fail("Unable to write internal name to %s/hostName.txt\n%s", dataDir, name);
 }
 
 // Waits for the name file of -f; the name is cut to 92 characters.
@@ -113,22 +121,64 @@ static void newIdentity(char* out) {
     out[32] = '\0';
 }
 
-bool prepareStart(const StartOptions& options) {
-    if (!dataDir[0] || dataDir[0] == '-') {
-        fprintf(stderr, "No Data Dir\n%s", USAGE);
-        exit(1);
+static volatile sig_atomic_t stopRequested = 0;
+static volatile pid_t supervisedChild = 0;
+
+static void onTerminate(int) {
+    stopRequested = 1;
+    if (supervisedChild > 0) kill(supervisedChild, SIGTERM);
+}
+
+static void becomeWorker(const char* dir) {
+    if (chdir(dir) != 0) logSysError("chdir to data directory failed");
+    signal(SIGHUP, SIG_IGN);
+    signal(SIGPIPE, SIG_IGN);
+    signal(SIGINT, SIG_IGN);
+}
+
+// Without daemonize: chdir, ignore SIGHUP/SIGPIPE/SIGINT, return. With it, the
+// caller becomes a supervising parent that restarts the worker whenever it
+// ends and never returns; only the worker returns. A SIGTERM to the parent
+// stops the worker and then the parent.
+static void daemonInit(const char* dir, bool daemonize) {
+    if (!daemonize) {
+        becomeWorker(dir);
+        return;
     }
+    struct sigaction sa {};
+    sa.sa_handler = onTerminate;
+    sigemptyset(&sa.sa_mask);
+    sigaction(SIGTERM, &sa, nullptr);
+    for (;;) {
+        pid_t pid = fork();
+        if (pid < 0) throwFatal("Error forking");
+        if (pid == 0) {
+            signal(SIGTERM, SIG_DFL);
+            becomeWorker(dir);
+            return;
+        }
+        supervisedChild = pid;
+        if (stopRequested) kill(pid, SIGTERM);
+        int status;
+        while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+        }
+        supervisedChild = 0;
+        if (stopRequested) exit(0);
+        errno = 0;
+        logSysError("Restarting process");
+    }
+}
+
+bool prepareStart(const StartOptions& options) {
+    if (!dataDir[0] || dataDir[0] == '-') fail("No Data Dir\n%s", USAGE);
     describeHl7Dirs();
     if (ER_ip[0]) snprintf(applications1, sizeof applications1, "Routing/Retrieving (%s:%d)", ER_ip, ER_port);
 
-    if (!fileExists(dataDir, "")) {
-        if (!makeDir(dataDir)) fail("Cannot create Data Dir\n%s", dataDir);
-        updateCert(dataDir);
-    }
+    if (!fileExists(dataDir, "") && !makeDataDir(dataDir, true)) fail("Cannot create Data Dir\n%s", dataDir);
     // The worker changes into the data dir; every later path must still find it.
     char absolute[PATH_MAX];
     if (dataDir[0] != '/' && realpath(dataDir, absolute) && strlen(absolute) < sizeof dataDir)
-        snprintf(dataDir, sizeof dataDir, "%s", absolute);
+        formatInto(dataDir, sizeof dataDir, "%s", absolute);
 
     if (EMR_INTF == EMR_HL7FILE) {
         snprintf(viewpointDir, sizeof viewpointDir, "%s", HL7_dir);
@@ -145,10 +195,8 @@ bool prepareStart(const StartOptions& options) {
     describeExport();
 
     if (anyProcessingMode()) {
-        if (!viewpointDir[0] || HL7_inputDir[0] || EMR_INTF > EMR_HL7FILE) {
-            fputs("Anonymization (-N) requires File-Export/VP6 (-V)\n", stderr);
-            exit(1);
-        }
+        if (!viewpointDir[0] || HL7_inputDir[0] || EMR_INTF > EMR_HL7FILE)
+            fail("Anonymization (-N) requires File-Export/VP6 (-V)\n");
         appendf(applications1, sizeof applications1, " (%s)", viewpointDir);
         formatInto(qDir, sizeof qDir, "%s/Q", dataDir);
         if (!makeDir(qDir)) fail("Cannot create anon Q Dir%s\n", qDir);
@@ -182,57 +230,9 @@ bool prepareStart(const StartOptions& options) {
         writeIdentity(name);
         changed = true;
     } else if (!*readTrimmed(dataDir, "hostName.txt")) {
-        if (name[0]) {
-            rtrim(name);
-        } else {
-            newIdentity(name);
-        }
+        if (!name[0]) newIdentity(name);
         writeIdentity(name);
         changed = true;
     }
     return changed;
-}
-
-static volatile sig_atomic_t stopRequested = 0;
-static volatile pid_t supervisedChild = 0;
-
-static void onTerminate(int) {
-    stopRequested = 1;
-    if (supervisedChild > 0) kill(supervisedChild, SIGTERM);
-}
-
-static void becomeWorker(const char* dir) {
-    if (chdir(dir) != 0) logSysError("chdir to data directory failed");
-    signal(SIGHUP, SIG_IGN);
-    signal(SIGPIPE, SIG_IGN);
-    signal(SIGINT, SIG_IGN);
-}
-
-void daemonInit(const char* dir, bool daemonize) {
-    if (!daemonize) {
-        becomeWorker(dir);
-        return;
-    }
-    struct sigaction sa {};
-    sa.sa_handler = onTerminate;
-    sigemptyset(&sa.sa_mask);
-    sigaction(SIGTERM, &sa, nullptr);
-    for (;;) {
-        pid_t pid = fork();
-        if (pid < 0) throwFatal("Error forking");
-        if (pid == 0) {
-            signal(SIGTERM, SIG_DFL);
-            becomeWorker(dir);
-            return;
-        }
-        supervisedChild = pid;
-        if (stopRequested) kill(pid, SIGTERM);
-        int status;
-        while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-        }
-        supervisedChild = 0;
-        if (stopRequested) exit(0);
-        errno = 0;
-        logSysError("Restarting process");
-    }
 }

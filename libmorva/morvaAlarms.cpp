@@ -28,6 +28,14 @@ void initSlots(AlarmRec* slots, int64_t from, int64_t to) {
 }
 
 int64_t msOf(const AlarmTime& t) { return t.seconds * 1000 + t.milliseconds; }
+
+// The caller holds the record's lock.
+unsigned int remainingMs(const AlarmRec& r) {
+    if (r.expiry.seconds == 0) return 0;
+    uint32_t elapsed = (uint32_t)(msOf(AlarmTime::now()) - msOf(r.start));
+    uint32_t remaining = r.duration - elapsed;
+    return (int32_t)remaining < 0 ? 0 : remaining;
+}
 }  // namespace
 
 void AlarmTime::add(unsigned int ms) {
@@ -142,15 +150,48 @@ unsigned int ThreadAlarm::getRemainingMs(int slot) {
     if (slot >= 0 && slot < count) {
         AlarmRec& r = table[slot];
         Util::setReadLock(&r.lock);
-        if (r.expiry.seconds != 0) {
-            uint32_t elapsed = (uint32_t)(msOf(AlarmTime::now()) - msOf(r.start));
-            uint32_t remaining = r.duration - elapsed;
-            result = (int32_t)remaining < 0 ? 0 : remaining;
-        }
+        result = remainingMs(r);
         pthread_rwlock_unlock(&r.lock);
     }
     pthread_rwlock_unlock(&tableLock);
     return result;
+}
+
+bool ThreadAlarm::fired(int slot) {
+    bool result = true;
+    Util::setReadLock(&tableLock);
+    if (slot >= 0 && slot < count) {
+        AlarmRec& r = table[slot];
+        Util::setReadLock(&r.lock);
+        result = r.socket == -2 || remainingMs(r) == 0;
+        pthread_rwlock_unlock(&r.lock);
+    }
+    pthread_rwlock_unlock(&tableLock);
+    return result;
+}
+
+bool ThreadAlarm::socketClosed(int slot) {
+    bool result = false;
+    Util::setReadLock(&tableLock);
+    if (slot >= 0 && slot < count) {
+        AlarmRec& r = table[slot];
+        Util::setReadLock(&r.lock);
+        result = r.socket == -2;
+        pthread_rwlock_unlock(&r.lock);
+    }
+    pthread_rwlock_unlock(&tableLock);
+    return result;
+}
+
+void ThreadAlarm::forgetSocket(int slot) {
+    Util::setReadLock(&tableLock);
+    if (slot >= 0 && slot < count) {
+        AlarmRec& r = table[slot];
+        Util::setWriteLock(&r.lock);
+        r.socket = -1;
+        pthread_rwlock_unlock(&r.lock);
+    }
+    pthread_rwlock_unlock(&tableLock);
 }
 
 AlarmRec* ThreadAlarm::record(int slot) {

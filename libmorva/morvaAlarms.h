@@ -52,13 +52,21 @@ public:
     void monitor();
     // 0 for a bad slot, a disarmed slot or a deadline already past.
     unsigned int getRemainingMs(int slot);
+    // The slot's deadline is over: true for a bad slot, a disarmed slot (the
+    // monitor disarms what it fires), a deadline already past, or a socket
+    // the watchdog closed. Tells the watchdog's signal from a stray one.
+    bool fired(int slot);
+    // The watchdog closed the socket declared on the slot (false for a bad slot).
+    bool socketClosed(int slot);
+    // Declares that the slot holds no socket (-1), clearing the closed mark.
+    void forgetSocket(int slot);
 
     // The record of a slot, or null when the slot is out of range. Valid
     // only until the next regThread (the table may move).
     AlarmRec* record(int slot);
     // Installs the handler, arms the slot and declares its socket (-1: none).
     // A record whose socket the watchdog closed keeps its -2 until the owner
-    // writes -1 there for a new socket. Returns false for a bad slot.
+    // calls forgetSocket for a new socket. Returns false for a bad slot.
     bool arm(int slot, unsigned int ms, int socket);
     void disarm(int slot);
 

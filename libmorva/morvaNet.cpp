@@ -121,8 +121,7 @@ int connectTo(const char* host, const char* port, int slot, bool verbose) {
     m_alarms->arm(slot, 10000, fd);
     int rc = connect(fd, ai.result->ai_addr, ai.result->ai_addrlen);
     m_alarms->disarm(slot);
-    AlarmRec* rec = m_alarms->record(slot);
-    bool closedByWatchdog = rec && rec->socket == -2;
+    bool closedByWatchdog = m_alarms->socketClosed(slot);
     if (rc != 0) {
         if (verbose) fprintf(stderr, "Connect Failed:  fd=%d, %s/%s\n", fd, host, port);
         if (!closedByWatchdog) close(fd);
@@ -171,8 +170,7 @@ char* Network::GenTCP(const char* host, const char* port, const char* request, b
         answer.append(buf, (size_t)n);
     }
     m_alarms->disarm(slot);
-    AlarmRec* rec = m_alarms->record(slot);
-    if (!(rec && rec->socket == -2)) {
+    if (!m_alarms->socketClosed(slot)) {
         ::shutdown(fd, SHUT_RDWR);
         close(fd);
     }

@@ -37,9 +37,7 @@ char* Box::keep(const char* text) {
 }
 
 bool Box::socketOpen() const {
-    if (sock < 0) return false;
-    AlarmRec* rec = m_alarms->record(alarmIndex);
-    return !(rec && rec->socket == -2);
+    return sock >= 0 && !m_alarms->socketClosed(alarmIndex);
 }
 
 bool Box::shutdown(const char* message, bool doReport) {
@@ -52,8 +50,7 @@ bool Box::shutdown(const char* message, bool doReport) {
             close(sock);
         }
         sock = -1;
-        AlarmRec* rec = m_alarms->record(alarmIndex);
-        if (rec) rec->socket = -1;
+        m_alarms->forgetSocket(alarmIndex);
     }
     if (doReport) {
         errno = err;
@@ -62,9 +59,12 @@ bool Box::shutdown(const char* message, bool doReport) {
     return doReport;
 }
 
+std::string Box::plainName(const char* displayName) {
+    if (!displayName) return "";
+    return displayName[0] == '~' ? Util::decrypt(displayName) : displayName;
+}
+
 char* Box::gtk() {
-    std::string name = displayName ? displayName : "";
-    if (!name.empty() && name[0] == '~') name = Util::decrypt(name.c_str());
-    std::string joined = std::string(id ? id : "") + "_" + name;
+    std::string joined = std::string(id ? id : "") + "_" + plainName(displayName);
     return keep(Util::encrypt(joined.c_str()));
 }

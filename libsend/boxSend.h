@@ -1,6 +1,8 @@
 // The device-identity part of one exchange with the service: who the box is,
 // which file the exchange carries, and the connection it runs on.
 #pragma once
+#include <string>
+
 #include "memory.h"
 
 class Box {
@@ -21,6 +23,8 @@ public:
     // display name (a display name beginning with "~" is deciphered first).
     // Built on demand, lives in the arena, never stored.
     char* gtk();
+    // A display name as stored, deciphered when it begins with "~".
+    static std::string plainName(const char* displayName);
 
     // Copies text into the arena (null stays null).
     char* keep(const char* text);

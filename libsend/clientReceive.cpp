@@ -54,18 +54,9 @@ char* SendFile::sendClientReceive(const char* command, int& status, ClientReceiv
         return LinkUtil::handOver("error", mem);
     }
     status = 1;
-    char* key = gtk();
-    // On the heap: the entropy context alone is ~38 KiB, and listener workers
-    // run on 64 KiB stacks.
-    auto session = std::make_unique<TlsSession>(this);
+    auto session = keySession();
+    if (!session) return LinkUtil::handOver("error", mem);
     TlsSession& tls = *session;
-    if (!pskHandshake(&tls, key)) {
-        char text[160];
-        snprintf(text, sizeof text,
-                 "Fatal error during TLS handshake:  key mismatch most likely (%.96s)", key);
-        shutdown(text, &tls, true);
-        return LinkUtil::handOver("error", mem);
-    }
 
     size_t chunk = size < 1048576 ? (size_t)size : 1048576;
     unsigned char* buf = static_cast<unsigned char*>(malloc(chunk));

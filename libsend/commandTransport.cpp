@@ -9,6 +9,7 @@
 #include "linkUtil.h"
 #include "morvaAlarms.h"
 #include "sendFile.h"
+#include "text.h"
 #include "tlsSession.h"
 #include "util.h"
 
@@ -47,8 +48,7 @@ char* SendFile::sendCommandCert(const char* command, int& status, bool readAll) 
     }
 
     std::string caPath = std::string(dataDir ? dataDir : ".") + "/sundel.crt";
-    // On the heap: the entropy context alone is ~38 KiB, and listener workers
-    // run on 64 KiB stacks.
+    // On the heap: see keySession.
     auto session = std::make_unique<TlsSession>(this);
     TlsSession& tls = *session;
     int rc = tls.configureCert(caPath.c_str());
@@ -81,8 +81,7 @@ char* SendFile::sendCommandCert(const char* command, int& status, bool readAll) 
         return LinkUtil::handOver("", nullptr);
     }
     // The reply is text: it ends at its first zero byte.
-    std::string result = LinkUtil::trimmed(std::string(reply.c_str()));
-    char* out = LinkUtil::handOver(result.c_str(), nullptr);
+    char* out = LinkUtil::handOver(trim(&reply[0]), nullptr);
     if (verbose) fprintf(stderr, "SENT: Received (tls/cert) |%.256s|\n", out);
     if (readAll)
         shutdown("Success", &tls, false);
@@ -111,10 +110,8 @@ char* SendFile::sendCommandClear(const char* command, int& status, bool readAll)
     for (;;) {
         char buf[256];
         last = socketOpen() ? ::recv(sock, buf, 255, 0) : -1;
-        if (last < 0 && errno == EINTR && socketOpen()) {
-            AlarmRec* rec = m_alarms->record(alarmIndex);
-            if (rec && rec->expiry.seconds != 0) continue;  // a stray signal
-        }
+        if (last < 0 && errno == EINTR && socketOpen() && !m_alarms->fired(alarmIndex))
+            continue;  // a stray signal
         if (last > 0) raw.append(buf, (size_t)last);
         if (last <= 0 || !readAll) break;
     }
@@ -124,8 +121,7 @@ char* SendFile::sendCommandClear(const char* command, int& status, bool readAll)
         return LinkUtil::handOver("", nullptr);
     }
     std::string cipher(raw.c_str());
-    std::string result = LinkUtil::trimmed(Util::decrypt(cipher.c_str()));
-    char* out = LinkUtil::handOver(result.c_str(), nullptr);
+    char* out = LinkUtil::handOver(trim(Util::decrypt(cipher.c_str())), nullptr);
     if (verbose) fprintf(stderr, "SENT: Received %.256s=|%.256s|\n", cipher.c_str(), out);
     if (readAll) shutdown("Success", false);
     status = 0;

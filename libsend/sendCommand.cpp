@@ -9,7 +9,7 @@
 #include "files.h"
 #include "linkUtil.h"
 #include "sendFile.h"
-#include "util.h"
+#include "text.h"
 
 namespace {
 
@@ -19,8 +19,8 @@ struct Ident {
 };
 
 Ident identity(const char* dataDir) {
-    return {LinkUtil::readState(dataDir, "hostName.txt"),
-            LinkUtil::readState(dataDir, "displayName.txt")};
+    return {readTrimmed(dataDir, "hostName.txt"),
+            readTrimmed(dataDir, "displayName.txt")};
 }
 
 // Lines with a stated maximum are cut silently.
@@ -32,6 +32,13 @@ std::string sendLine(const std::string& line, int& status, const char* dataDir, 
                      bool quiet, SendFile::ClientReceiveType type = SendFile::Command,
                      Memory* mem = nullptr) {
     return SendFile::sendACommand(line.c_str(), status, dataDir, verbose, quiet, type, mem);
+}
+
+// A command's reply without surrounding white space.
+std::string trimmedLine(const std::string& line, int& status, const char* dataDir, bool verbose,
+                        bool quiet) {
+    return trim(SendFile::sendACommand(line.c_str(), status, dataDir, verbose, quiet,
+                                       SendFile::Command));
 }
 
 char* result(const std::string& text, Memory* mem = nullptr) {
@@ -51,7 +58,7 @@ char* registration(const char* verb, const char* dataDir, int& status, const cha
     if (payload && *payload) {
         body = payload;
     } else {
-        std::string id = LinkUtil::readState(dataDir, "hostName.txt");
+        std::string id = readTrimmed(dataDir, "hostName.txt");
         if (id.empty()) {
             status = 1;
             return result("");
@@ -67,7 +74,7 @@ char* SendFile::sendACommand(const char* command, int& status, const char* dataD
                              bool qu, ClientReceiveType type, Memory* mem) {
     std::string line = command ? command : "";
     if (strcasecmp(line.c_str(), "ips") == 0 || strcasecmp(line.c_str(), "ipsDNS") == 0) {
-        std::string host = LinkUtil::readState(dataDir, "hostName.txt");
+        std::string host = readTrimmed(dataDir, "hostName.txt");
         if (!host.empty()) line += "/" + host;
     }
     SendFile session(dataDir, verb, qu);
@@ -79,8 +86,8 @@ char* SendFile::sendACommand(const char* command, int& status, const char* dataD
             fprintf(stderr, "NULL Results from sendACommand/%s\n", line.c_str());
         if (mem) reply = LinkUtil::handOver(reply, mem);
     } else {
-        session.id = session.keep(LinkUtil::readState(dataDir, "hostName.txt").c_str());
-        session.displayName = session.keep(LinkUtil::readState(dataDir, "displayName.txt").c_str());
+        session.id = session.keep(readTrimmed(dataDir, "hostName.txt"));
+        session.displayName = session.keep(readTrimmed(dataDir, "displayName.txt"));
         reply = session.sendClientReceive(line.c_str(), status, type, mem);
         if (verb) {
             if (!reply || !*reply)
@@ -110,14 +117,14 @@ char* SendFile::sendHeartbeatCommand(const char* dataDir, int& status, const cha
 
 char* SendFile::sendEcho(const char* dataDir, int& status, const char* a, const char* b, bool verb,
                          bool qu) {
-    std::string id = LinkUtil::readState(dataDir, "hostName.txt");
+    std::string id = readTrimmed(dataDir, "hostName.txt");
     std::string inner = cut(std::string(a ? a : "") + "|" + (b ? b : "") + "|" + id + "|1", 255);
     return result(sendLine("echo|" + inner, status, dataDir, verb, qu));
 }
 
 int SendFile::sendFailureCommand(const char* dataDir, bool verb, bool qu, int extra) {
     long count = LinkUtil::readCount(dataDir, "ErrorFile.txt") + extra;
-    std::string id = LinkUtil::readState(dataDir, "hostName.txt");
+    std::string id = readTrimmed(dataDir, "hostName.txt");
     int status = 1;
     if (!id.empty()) {
         std::string body =
@@ -229,7 +236,7 @@ char* SendFile::sendDdicom(const char* dataDir, int& status, int n, const char* 
 
 char* SendFile::sendLogMsg(const char* dataDir, int& status, const char* message, bool verb,
                            bool qu) {
-    std::string id = LinkUtil::readState(dataDir, "hostName.txt");
+    std::string id = readTrimmed(dataDir, "hostName.txt");
     std::string msg = message ? std::string(message).substr(0, 2048) : "";
     return result(sendLine(id + "|LOG|msg|" + msg, status, dataDir, verb, qu));
 }
@@ -258,10 +265,9 @@ char* SendFile::sendAPICommand(const char* dataDir, const char* json, bool verb,
     const char* close = open ? strchr(open + 1, '"') : nullptr;
     if (!close) return result("error", mem);
     type.assign(open + 1, std::min<size_t>((size_t)(close - open - 1), 127));
-    std::string id = LinkUtil::readState(dataDir, "hostName.txt");
+    std::string id = readTrimmed(dataDir, "hostName.txt");
     if (id.empty()) return result("error", mem);
-    std::string name = LinkUtil::readState(dataDir, "displayName.txt");
-    if (!name.empty() && name[0] == '~') name = Util::decrypt(name.c_str());
+    std::string name = Box::plainName(readTrimmed(dataDir, "displayName.txt"));
     std::string line = "API/" + id + "/" + name + "/1|" + type + "|" + j;
     int status = 1;
     std::string r = sendLine(line, status, dataDir, verb, qu);
@@ -281,8 +287,8 @@ thread_local bool t_inRefresh = false;
 int SendFile::sendIpsCommand(const char* dataDir, bool verb, bool qu) {
     if (t_inRefresh) return 1;
     t_inRefresh = true;
-    std::string old = LinkUtil::readState(dataDir, "hosts.txt");
-    std::string receiver = LinkUtil::readState(dataDir, "receiver.txt");
+    std::string old = readTrimmed(dataDir, "hosts.txt");
+    std::string receiver = readTrimmed(dataDir, "receiver.txt");
     std::string verbName = "ips";
     if (!old.empty()) {
         if (old.find(RECEIVER_HOST) != std::string::npos) verbName = "ipsDNS";
@@ -290,20 +296,20 @@ int SendFile::sendIpsCommand(const char* dataDir, bool verb, bool qu) {
         writeTxt(dataDir, "hosts.txt", receiver.empty() ? BUILTIN_SERVERS : receiver.c_str());
     }
     int status = 1;
-    std::string reply = LinkUtil::trimmed(sendLine(verbName, status, dataDir, verb, qu));
+    std::string reply = trimmedLine(verbName, status, dataDir, verb, qu);
     bool first = true;
     if (reply.empty()) {
         first = false;
         writeTxt(dataDir, "hosts.txt", receiver.empty() ? BUILTIN_SERVERS : receiver.c_str());
-        reply = LinkUtil::trimmed(sendLine("ips", status, dataDir, verb, qu));
+        reply = trimmedLine("ips", status, dataDir, verb, qu);
     }
     if (reply.empty()) {
         if (!receiver.empty()) {
             writeTxt(dataDir, "hosts.txt", receiver.c_str());
-            reply = LinkUtil::trimmed(sendLine("ips", status, dataDir, verb, qu));
+            reply = trimmedLine("ips", status, dataDir, verb, qu);
         } else {
             writeTxt(dataDir, "hosts.txt", RECEIVER_HOST);
-            reply = LinkUtil::trimmed(sendLine("ipsDNS", status, dataDir, verb, qu));
+            reply = trimmedLine("ipsDNS", status, dataDir, verb, qu);
         }
         if (reply.empty()) {
             t_inRefresh = false;

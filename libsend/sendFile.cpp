@@ -8,13 +8,13 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "buildConfig.h"
 #include "files.h"
@@ -61,6 +61,21 @@ std::string decodeField(const char* text) {
     return out;
 }
 
+// A state file's text trimmed on the right only ("" when missing).
+std::string readRightTrimmed(const char* dir, const char* name) {
+    char* text = readTxt(dir, name);
+    std::string out = rtrim(text);
+    if (text != EMPTY_TEXT) free(text);
+    return out;
+}
+
+std::string keyMismatch(const char* key) {
+    char text[160];
+    snprintf(text, sizeof text,
+             "Fatal error during TLS handshake:  key mismatch most likely (%.96s)", key);
+    return text;
+}
+
 }  // namespace
 
 // ------------------------------------------------------------------ sessions
@@ -89,9 +104,9 @@ SendFile::SendFile(const char* dir, const char* fileName, const char* remote, co
     fseeko(file, 0, SEEK_END);
     fileSize = ftello(file);
     fseeko(file, 0, SEEK_SET);
-    displayName = keep(LinkUtil::readStateRight(dataDir, "displayName.txt").c_str());
+    displayName = keep(readRightTrimmed(dataDir, "displayName.txt").c_str());
     std::string who = id;
-    if (who == "NONE") who = LinkUtil::readStateRight(dataDir, "hostName.txt");
+    if (who == "NONE") who = readRightTrimmed(dataDir, "hostName.txt");
 
     std::string sopName;
     char* mk = markerName ? markerName : remoteName;
@@ -103,19 +118,12 @@ SendFile::SendFile(const char* dir, const char* fileName, const char* remote, co
             char uid[101];
             if (getSopInstance(filePath, uid, (int)sizeof uid)) sopName = std::string(uid) + ".dcm";
         }
-        std::vector<std::string> parts;
-        std::string rest = at + 5;
-        size_t from = 0;
-        for (;;) {
-            size_t bar = rest.find('~', from);
-            parts.push_back(rest.substr(from, bar == std::string::npos ? bar : bar - from));
-            if (bar == std::string::npos) break;
-            from = bar + 1;
-        }
-        if (parts.size() == 3) {
-            fa = decodeField(parts[0].c_str());
-            fb = decodeField(parts[1].c_str());
-            who += "/" + parts[2];
+        int count = 0;
+        char** parts = Util::split(at + 5, '~', &count, &arena);
+        if (count == 3) {
+            fa = decodeField(parts[0]);
+            fb = decodeField(parts[1]);
+            who += "/" + std::string(parts[2]);
         }
         at[4] = '\0';
         break;
@@ -162,39 +170,24 @@ void SendFile::addDest(const char* host, const char* port, const char* defaultHo
 
 void SendFile::shuffleDests() {
     if (hostCount < 1) return;
-    int n = hostCount;
-    int r = (int)(random64() % (uint64_t)n);
-    std::vector<char*> h, p;
-    for (int i = 0; i < n; ++i) {
-        h.push_back(hosts[(r + i) % n]);
-        p.push_back(ports[(r + i) % n]);
-    }
-    hostCount = 0;
-    for (int i = 0; i < n; ++i) appendDest(h[i], p[i]);
+    int r = (int)(random64() % (uint64_t)hostCount);
+    std::rotate(hosts, hosts + r, hosts + hostCount);
+    std::rotate(ports, ports + r, ports + hostCount);
 }
 
 void SendFile::loadDests() {
-    std::string port = LinkUtil::readState(dataDir, "port.txt");
+    std::string port = readTrimmed(dataDir, "port.txt");
     if (port.empty()) port = DEFAULT_PORT;
-    std::string list = LinkUtil::readState(dataDir, "hosts.txt");
+    std::string list = readTrimmed(dataDir, "hosts.txt");
     if (list.empty()) {  // (a refresh already under way returns at once)
         sendIpsCommand(dataDir, verbose, quiet);
-        list = LinkUtil::readState(dataDir, "hosts.txt");
+        list = readTrimmed(dataDir, "hosts.txt");
     }
     if (list.empty()) list = RECEIVER_HOST;
-    std::vector<std::string> entries;
-    size_t from = 0;
-    for (;;) {
-        size_t lf = list.find('\n', from);
-        entries.push_back(
-            LinkUtil::trimmed(list.substr(from, lf == std::string::npos ? lf : lf - from)));
-        if (lf == std::string::npos) break;
-        from = lf + 1;
-    }
-    size_t n = entries.size();
-    size_t r = (size_t)(random64() % n);
-    for (size_t i = 0; i < n; ++i)
-        addDest(entries[(r + i) % n].c_str(), port.c_str(), DEFAULT_HOST_PORT);
+    int n = 0;
+    char** entries = Util::split(list.c_str(), '\n', &n, &arena);
+    int r = (int)(random64() % (uint64_t)n);
+    for (int i = 0; i < n; ++i) addDest(trim(entries[(r + i) % n]), port.c_str(), DEFAULT_HOST_PORT);
 }
 
 // ------------------------------------------------------------------ connection
@@ -204,11 +197,11 @@ bool SendFile::connectSession() {
     sock = -1;
     if (alarmIndex < 0) alarmIndex = m_alarms->regThread(pthread_self());
     CatchAlarm::install();
-    if (AlarmRec* rec = m_alarms->record(alarmIndex)) rec->socket = -1;
+    m_alarms->forgetSocket(alarmIndex);
     auto openSocket = [this]() {
         sock = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
         if (sock >= 0) Network::setSessionOptions(sock);
-        if (AlarmRec* rec = m_alarms->record(alarmIndex)) rec->socket = -1;
+        m_alarms->forgetSocket(alarmIndex);
         return sock >= 0;
     };
     if (!openSocket()) {
@@ -266,19 +259,20 @@ bool SendFile::shutdown(const char* message, TlsSession* tls, bool doReport) {
 
 // ------------------------------------------------------------------ upload
 
-bool SendFile::pskHandshake(TlsSession* tls, const char* key) {
-    if (tls->configurePsk(key) != 0) return false;
-    m_alarms->arm(alarmIndex, 60000, sock);
-    int rc = tls->handshake();
-    m_alarms->disarm(alarmIndex);
-    return rc == 0;
-}
-
-static std::string keyMismatch(const char* key) {
-    char text[160];
-    snprintf(text, sizeof text,
-             "Fatal error during TLS handshake:  key mismatch most likely (%.96s)", key);
-    return text;
+std::unique_ptr<TlsSession> SendFile::keySession() {
+    char* key = gtk();
+    // On the heap: the entropy context alone is ~38 KiB, and listener workers
+    // run on 64 KiB stacks.
+    auto tls = std::make_unique<TlsSession>(this);
+    int rc = tls->configurePsk(key);
+    if (rc == 0) {
+        m_alarms->arm(alarmIndex, 60000, sock);
+        rc = tls->handshake();
+        m_alarms->disarm(alarmIndex);
+    }
+    if (rc == 0) return tls;
+    shutdown(keyMismatch(key).c_str(), tls.get(), true);
+    return nullptr;
 }
 
 bool SendFile::sendFile() {
@@ -290,12 +284,9 @@ bool SendFile::sendFile() {
     if (status != 0) return true;  // the transport has reported and closed
     if (strcmp(reply, "NO") == 0) return shutdown("Success", false);
 
-    char* key = gtk();
-    // On the heap: the entropy context alone is ~38 KiB, and listener workers
-    // run on 64 KiB stacks.
-    auto session = std::make_unique<TlsSession>(this);
+    auto session = keySession();
+    if (!session) return true;
     TlsSession& tls = *session;
-    if (!pskHandshake(&tls, key)) return shutdown(keyMismatch(key).c_str(), &tls, true);
     int off = 0;
     setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &off, sizeof off);
 
@@ -326,8 +317,7 @@ bool SendFile::sendFile() {
     } while (rc == MBEDTLS_ERR_SSL_WANT_WRITE);
     if (rc == MBEDTLS_ERR_SSL_WANT_READ) {
         // Interrupted but not timed out: give the service another minute.
-        AlarmRec* rec = m_alarms->record(alarmIndex);
-        if (rec && rec->socket >= 0) {
+        if (socketOpen()) {
             unsigned left = m_alarms->getRemainingMs(alarmIndex);
             m_alarms->disarm(alarmIndex);
             m_alarms->arm(alarmIndex, left + 60000, sock);
@@ -341,16 +331,23 @@ bool SendFile::sendFile() {
     return shutdown("final confirmation of file was not received", &tls, true);
 }
 
-int SendFile::sendWFile(const char* path, const char* remote, const char* marker, const char* a,
-                        const char* b, const char* dDir, bool qu, bool unprocessed) {
-    if (!path) return 1;
-    std::string p = path;
+std::string SendFile::namedFile(const char* text) {
+    if (!text) return "";
+    std::string p = text;
     if (!isRegularFile(p.c_str())) {
-        p = LinkUtil::trimmed(p);
+        std::string copy = p;
+        p = trim(&copy[0]);
         size_t blank = p.find_last_of(' ');
         if (blank != std::string::npos) p = p.substr(blank + 1);
     }
-    if (!isRegularFile(p.c_str())) {
+    return isRegularFile(p.c_str()) ? p : "";
+}
+
+int SendFile::sendWFile(const char* path, const char* remote, const char* marker, const char* a,
+                        const char* b, const char* dDir, bool qu, bool unprocessed) {
+    if (!path) return 1;
+    std::string p = namedFile(path);
+    if (p.empty()) {
         fprintf(stderr, "Input file %s cannot be found\n", path);
         return 1;
     }

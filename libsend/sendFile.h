@@ -14,6 +14,8 @@
 #pragma once
 #include <cstdint>
 #include <cstdio>
+#include <memory>
+#include <string>
 
 #include "boxSend.h"
 
@@ -81,6 +83,10 @@ public:
     bool shutdown(const char* message, TlsSession* tls, bool report);
 
     // ---- uploads
+    // The regular file an upload request names: the whole text when that is
+    // one, else the last blank-separated word of the trimmed text; "" when
+    // neither is a regular file.
+    static std::string namedFile(const char* text);
     // 0 when delivered or declined, non-zero on failure; counts consecutive
     // failures in "FileFailedCount.txt" ("0" after a success).
     static int sendWFile(const char* path, const char* remoteName, const char* markerName,
@@ -167,5 +173,8 @@ public:
 
 private:
     void appendDest(const char* host, const char* port);
-    bool pskHandshake(TlsSession* tls, const char* key);
+    // The data session keyed with gtk(), handshake done under a 60 s alarm.
+    // Null when the handshake failed: the key mismatch is then reported and
+    // the session closed.
+    std::unique_ptr<TlsSession> keySession();
 };

@@ -11,19 +11,12 @@
 
 namespace {
 
-// The watchdog ran out on this thread: its signal interrupted us, or it has
-// closed (or is closing) the recorded socket.
-bool alarmFired(const Box* box) {
-    AlarmRec* rec = m_alarms->record(box->alarmIndex);
-    return !rec || rec->expiry.seconds == 0 || rec->socket == -2;
-}
-
 int mapError(const Box* box, bool reading) {
     int err = errno;
     if (err == EINTR) {
         // The net layer would retry an EINTR for ever; only a stray signal
         // (alarm still armed and socket still ours) deserves a retry.
-        if (alarmFired(box))
+        if (m_alarms->fired(box->alarmIndex))
             return reading ? MBEDTLS_ERR_NET_RECV_FAILED : MBEDTLS_ERR_NET_SEND_FAILED;
         return reading ? MBEDTLS_ERR_SSL_WANT_READ : MBEDTLS_ERR_SSL_WANT_WRITE;
     }

@@ -13,7 +13,7 @@ constexpr int kCloseGraceMs = 5000;
 
 class CertChannel : public CommandChannel {
 public:
-    CertChannel(int fd, std::unique_ptr<TlsSession> session)
+    CertChannel(int fd, std::unique_ptr<ServerTlsSession> session)
         : CommandChannel(fd), m_session(std::move(session)) {}
 
     bool reply(const std::string& text) override {
@@ -36,7 +36,7 @@ public:
     }
 
 private:
-    std::unique_ptr<TlsSession> m_session;
+    std::unique_ptr<ServerTlsSession> m_session;
 };
 
 class ClearChannel : public CommandChannel {
@@ -58,7 +58,7 @@ public:
 
 }  // namespace
 
-std::unique_ptr<CommandChannel> makeCertChannel(int fd, std::unique_ptr<TlsSession> session) {
+std::unique_ptr<CommandChannel> makeCertChannel(int fd, std::unique_ptr<ServerTlsSession> session) {
     return std::make_unique<CertChannel>(fd, std::move(session));
 }
 

@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 
-class TlsSession;
+class ServerTlsSession;
 
 class CommandChannel {
 public:
@@ -28,7 +28,7 @@ protected:
     int m_fd;
 };
 
-std::unique_ptr<CommandChannel> makeCertChannel(int fd, std::unique_ptr<TlsSession> session);
+std::unique_ptr<CommandChannel> makeCertChannel(int fd, std::unique_ptr<ServerTlsSession> session);
 std::unique_ptr<CommandChannel> makeClearChannel(int fd);
 
 // The text enciphered as the clear transport sends it, and back.

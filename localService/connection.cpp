@@ -27,7 +27,7 @@ constexpr size_t kMaxCommand = 16u << 20;
 // deciphers whole, more bytes within this pause would still belong to it.
 constexpr int kClearSettleMs = 50;
 
-bool readCertCommand(TlsSession& session, std::string& line) {
+bool readCertCommand(ServerTlsSession& session, std::string& line) {
     std::string received;
     char buf[16384];
     while (received.size() < kMaxCommand) {
@@ -93,7 +93,7 @@ void serveConnection(int fd, ServiceContext& context) {
     }
     if (!LocalIo::sendAll(fd, "OK", 2)) return;
 
-    auto session = std::make_unique<TlsSession>(fd, context.random);
+    auto session = std::make_unique<ServerTlsSession>(fd, context.random);
     Credentials& credentials = faultOn(context.config, Fault::ForeignCert) ? context.foreignCredentials
                                                                            : context.ownCredentials;
     if (!session->handshakeWithCert(credentials)) return;

@@ -48,7 +48,7 @@ bool findPayload(const Request& request, ServiceContext& context, Payload& paylo
     return payload.size > 0;
 }
 
-bool sendPayload(TlsSession& session, const Payload& payload, unsigned long long limit) {
+bool sendPayload(ServerTlsSession& session, const Payload& payload, unsigned long long limit) {
     if (payload.path.empty())
         return session.writeAll(payload.text.data(), static_cast<size_t>(limit));
     std::unique_ptr<FILE, int (*)(FILE*)> in(fopen(payload.path.c_str(), "rb"), fclose);
@@ -79,7 +79,7 @@ void pushToBox(const Request& request, CommandChannel& channel, ServiceContext& 
     std::string key = faultOn(context.config, Fault::WrongKey)
                           ? wrongPresharedKey(request.boxId, displayName)
                           : presharedKey(request.boxId, displayName);
-    TlsSession session(channel.fd(), context.random);
+    ServerTlsSession session(channel.fd(), context.random);
     if (!session.handshakeWithKey(key)) return;
 
     if (faultOn(context.config, Fault::CutPush)) {

@@ -10,6 +10,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "text.h"
+
 bool isPlainName(const std::string& name) {
     return !name.empty() && name.size() <= 255 && name != "." && name != ".." &&
            name.find('/') == std::string::npos && name.find('\0') == std::string::npos;
@@ -25,7 +27,7 @@ bool readWhole(const std::string& path, std::string& content) {
 }
 
 bool writeWhole(const std::string& path, const std::string& content) {
-    std::string tmp = path + ".part" + std::to_string(getpid());
+    std::string tmp = temporaryPath(path);
     {
         std::ofstream out(tmp, std::ios::binary | std::ios::trunc);
         out << content;
@@ -34,20 +36,12 @@ bool writeWhole(const std::string& path, const std::string& content) {
     return rename(tmp.c_str(), path.c_str()) == 0;
 }
 
-static std::string trimmed(const std::string& s) {
-    size_t b = s.find_first_not_of(" \t\r\n");
-    if (b == std::string::npos) return "";
-    size_t e = s.find_last_not_of(" \t\r\n");
-    return s.substr(b, e - b + 1);
-}
-
 static std::vector<std::string> namesIn(const std::string& dir) {
     std::vector<std::string> names;
     if (DIR* d = opendir(dir.c_str())) {
         while (dirent* e = readdir(d)) {
             std::string n = e->d_name;
-            // Half-written files of a writer using a temporary are not items yet.
-            if (n[0] != '.' && n.find(".tmp") == std::string::npos) names.push_back(n);
+            if (!isTemporaryName(n)) names.push_back(n);
         }
         closedir(d);
     }
@@ -69,7 +63,7 @@ bool ServiceConfig::prepare() const {
 std::string ServiceConfig::displayName(const std::string& boxId) const {
     std::string name;
     if (!isPlainName(boxId) || !readWhole(path("boxes/" + boxId), name)) return "";
-    return trimmed(name);
+    return trim(&name[0]);
 }
 
 bool ServiceConfig::popQueued(const std::string& key, std::string& text) {

@@ -11,6 +11,8 @@
 //   commands.log          every command received (see commandLog.h)
 //   port                  the port listened on, written once listening
 #pragma once
+#include <unistd.h>
+
 #include <mutex>
 #include <string>
 #include <vector>
@@ -54,3 +56,12 @@ bool isPlainName(const std::string& name);
 bool readWhole(const std::string& path, std::string& content);
 // Replaces the file through a temporary in the same directory.
 bool writeWhole(const std::string& path, const std::string& content);
+
+// Every writer into the configuration (the test harness too) puts a file in
+// place through "<dir>/.<name>.<pid>": a name starting with "." is never an
+// item, so a directory reader skips those (and "." and ".." with them).
+inline std::string temporaryPath(const std::string& path) {
+    size_t at = path.rfind('/') + 1;  // 0 when there is no "/"
+    return path.substr(0, at) + "." + path.substr(at) + "." + std::to_string(getpid());
+}
+inline bool isTemporaryName(const std::string& name) { return name.empty() || name[0] == '.'; }

@@ -54,7 +54,7 @@ static int bioRecv(void* ctx, unsigned char* buf, size_t len) {
     return n >= 0 ? static_cast<int>(n) : MBEDTLS_ERR_NET_RECV_FAILED;
 }
 
-TlsSession::TlsSession(int fd, RandomSource& random) : m_fd(fd) {
+ServerTlsSession::ServerTlsSession(int fd, RandomSource& random) : m_fd(fd) {
     mbedtls_ssl_init(&m_ssl);
     mbedtls_ssl_config_init(&m_conf);
     mbedtls_ssl_config_defaults(&m_conf, MBEDTLS_SSL_IS_SERVER, MBEDTLS_SSL_TRANSPORT_STREAM,
@@ -62,12 +62,12 @@ TlsSession::TlsSession(int fd, RandomSource& random) : m_fd(fd) {
     mbedtls_ssl_conf_rng(&m_conf, mbedtls_ctr_drbg_random, random.drbg());
 }
 
-TlsSession::~TlsSession() {
+ServerTlsSession::~ServerTlsSession() {
     mbedtls_ssl_free(&m_ssl);
     mbedtls_ssl_config_free(&m_conf);
 }
 
-bool TlsSession::handshake() {
+bool ServerTlsSession::handshake() {
     if (mbedtls_ssl_setup(&m_ssl, &m_conf) != 0) return false;
     mbedtls_ssl_set_bio(&m_ssl, &m_fd, bioSend, bioRecv, nullptr);
     for (;;) {
@@ -77,12 +77,12 @@ bool TlsSession::handshake() {
     }
 }
 
-bool TlsSession::handshakeWithCert(Credentials& credentials) {
+bool ServerTlsSession::handshakeWithCert(Credentials& credentials) {
     if (mbedtls_ssl_conf_own_cert(&m_conf, &credentials.cert, &credentials.key) != 0) return false;
     return handshake();
 }
 
-bool TlsSession::handshakeWithKey(const std::string& key) {
+bool ServerTlsSession::handshakeWithKey(const std::string& key) {
     static const char identity[] = "Nothing";
     if (key.empty() ||
         mbedtls_ssl_conf_psk(&m_conf, reinterpret_cast<const unsigned char*>(key.data()), key.size(),
@@ -92,7 +92,7 @@ bool TlsSession::handshakeWithKey(const std::string& key) {
     return handshake();
 }
 
-int TlsSession::read(void* buf, size_t len) {
+int ServerTlsSession::read(void* buf, size_t len) {
     for (;;) {
         int r = mbedtls_ssl_read(&m_ssl, static_cast<unsigned char*>(buf), len);
         if (r == MBEDTLS_ERR_SSL_WANT_READ || r == MBEDTLS_ERR_SSL_WANT_WRITE) continue;
@@ -101,7 +101,7 @@ int TlsSession::read(void* buf, size_t len) {
     }
 }
 
-bool TlsSession::writeAll(const void* buf, size_t len) {
+bool ServerTlsSession::writeAll(const void* buf, size_t len) {
     const unsigned char* p = static_cast<const unsigned char*>(buf);
     while (len > 0) {
         int r = mbedtls_ssl_write(&m_ssl, p, len);
@@ -113,7 +113,7 @@ bool TlsSession::writeAll(const void* buf, size_t len) {
     return true;
 }
 
-bool TlsSession::expectCloseNotify() {
+bool ServerTlsSession::expectCloseNotify() {
     unsigned char one[1];
     for (;;) {
         int r = mbedtls_ssl_read(&m_ssl, one, sizeof one);
@@ -122,7 +122,7 @@ bool TlsSession::expectCloseNotify() {
     }
 }
 
-void TlsSession::sendCloseNotify() {
+void ServerTlsSession::sendCloseNotify() {
     int r;
     do {
         r = mbedtls_ssl_close_notify(&m_ssl);

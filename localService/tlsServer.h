@@ -46,12 +46,12 @@ private:
 // One TLS server session over a connected socket it does not own. The
 // destructor frees the session without a close notification, which is what a
 // hand-over to the next session on the same socket needs.
-class TlsSession {
+class ServerTlsSession {
 public:
-    TlsSession(int fd, RandomSource& random);
-    ~TlsSession();
-    TlsSession(const TlsSession&) = delete;
-    TlsSession& operator=(const TlsSession&) = delete;
+    ServerTlsSession(int fd, RandomSource& random);
+    ~ServerTlsSession();
+    ServerTlsSession(const ServerTlsSession&) = delete;
+    ServerTlsSession& operator=(const ServerTlsSession&) = delete;
 
     bool handshakeWithCert(Credentials& credentials);
     // The box authenticates with the identity "Nothing" and this key text.

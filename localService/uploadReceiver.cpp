@@ -25,7 +25,7 @@ std::string storageName(std::string name) {
 }
 
 // Reads the announced bytes into the temporary; false when the box stops short.
-bool receiveBytes(TlsSession& session, FILE* out, unsigned long long size) {
+bool receiveBytes(ServerTlsSession& session, FILE* out, unsigned long long size) {
     std::vector<char> buf(kChunk);
     while (size > 0) {
         size_t want = size < kChunk ? static_cast<size_t>(size) : kChunk;
@@ -38,7 +38,7 @@ bool receiveBytes(TlsSession& session, FILE* out, unsigned long long size) {
 }
 
 // Takes half the bytes and drops the connection, as a service that dies mid-transfer.
-void cutHalfWay(TlsSession& session, int fd, unsigned long long size) {
+void cutHalfWay(ServerTlsSession& session, int fd, unsigned long long size) {
     std::vector<char> buf(kChunk);
     unsigned long long left = size / 2;
     while (left > 0) {
@@ -70,7 +70,7 @@ void receiveUpload(const Request& request, CommandChannel& channel, ServiceConte
     std::string key = faultOn(context.config, Fault::WrongKey)
                           ? wrongPresharedKey(request.uploadId, displayName)
                           : presharedKey(request.uploadId, displayName);
-    TlsSession session(channel.fd(), context.random);
+    ServerTlsSession session(channel.fd(), context.random);
     if (!session.handshakeWithKey(key)) return;
 
     if (faultOn(context.config, Fault::CutUpload)) {

@@ -139,7 +139,9 @@ TEST(StartupDataDir, NameFileSetsAndChangesIdentity) {
 TEST(StartupQuiet, OutputGoesToFilesAndSupervisorRestartsWorker) {
     TempDir tmp;
     std::string data = tmp.file("data");
-    RunningAgent agent({"-d", data, "-q", "-z"}, data);
+    // -v: a quiet, non-verbose worker rewinds the shared log before each
+    // network failure report and could overwrite the parent's line.
+    RunningAgent agent({"-d", data, "-q", "-v", "-z"}, data);
     ASSERT_TRUE(agent.started);
     ASSERT_TRUE(waitUntil([&] { return childrenOf(agent.process.pid()).size() == 1; }, 5000));
     int worker = childrenOf(agent.process.pid())[0];

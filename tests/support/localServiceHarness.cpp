@@ -1,4 +1,4 @@
-#include "localServiceHarness.h"
+#include "localServiceProcess.h"
 
 #include <signal.h>
 #include <sys/stat.h>
@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <sstream>
 #include <stdexcept>
+
+#include "localService/serviceConfig.h"
 
 #ifndef LOCAL_SERVICE_BIN
 #define LOCAL_SERVICE_BIN ""
@@ -17,7 +19,7 @@ void makeDir(const std::string& path) { mkdir(path.c_str(), 0775); }
 
 // Writes through a temporary so that the service never reads half a file.
 void spitAtomic(const std::string& path, const std::string& content) {
-    std::string tmp = path + ".tmp";
+    std::string tmp = temporaryPath(path);
     spit(tmp, content);
     if (rename(tmp.c_str(), path.c_str()) != 0)
         throw std::runtime_error("cannot write " + path);
