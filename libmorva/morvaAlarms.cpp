@@ -144,54 +144,43 @@ void ThreadAlarm::monitor() {
     pthread_rwlock_unlock(&tableLock);
 }
 
-unsigned int ThreadAlarm::getRemainingMs(int slot) {
-    unsigned int result = 0;
-    Util::setReadLock(&tableLock);
-    if (slot >= 0 && slot < count) {
-        AlarmRec& r = table[slot];
-        Util::setReadLock(&r.lock);
-        result = remainingMs(r);
+// Runs f on a slot's record under the table lock and the record's lock; the
+// fallback answers for a slot out of range.
+template <typename T, typename F>
+static T onRecord(ThreadAlarm& alarms, int slot, bool write, T fallback, F f) {
+    T result = fallback;
+    Util::setReadLock(&alarms.tableLock);
+    if (slot >= 0 && slot < alarms.count) {
+        AlarmRec& r = alarms.table[slot];
+        if (write)
+            Util::setWriteLock(&r.lock);
+        else
+            Util::setReadLock(&r.lock);
+        result = f(r);
         pthread_rwlock_unlock(&r.lock);
     }
-    pthread_rwlock_unlock(&tableLock);
+    pthread_rwlock_unlock(&alarms.tableLock);
     return result;
+}
+
+unsigned int ThreadAlarm::getRemainingMs(int slot) {
+    return onRecord(*this, slot, false, 0u, [](AlarmRec& r) { return remainingMs(r); });
 }
 
 bool ThreadAlarm::fired(int slot) {
-    bool result = true;
-    Util::setReadLock(&tableLock);
-    if (slot >= 0 && slot < count) {
-        AlarmRec& r = table[slot];
-        Util::setReadLock(&r.lock);
-        result = r.socket == -2 || remainingMs(r) == 0;
-        pthread_rwlock_unlock(&r.lock);
-    }
-    pthread_rwlock_unlock(&tableLock);
-    return result;
+    return onRecord(*this, slot, false, true,
+                    [](AlarmRec& r) { return r.socket == -2 || remainingMs(r) == 0; });
 }
 
 bool ThreadAlarm::socketClosed(int slot) {
-    bool result = false;
-    Util::setReadLock(&tableLock);
-    if (slot >= 0 && slot < count) {
-        AlarmRec& r = table[slot];
-        Util::setReadLock(&r.lock);
-        result = r.socket == -2;
-        pthread_rwlock_unlock(&r.lock);
-    }
-    pthread_rwlock_unlock(&tableLock);
-    return result;
+    return onRecord(*this, slot, false, false, [](AlarmRec& r) { return r.socket == -2; });
 }
 
 void ThreadAlarm::forgetSocket(int slot) {
-    Util::setReadLock(&tableLock);
-    if (slot >= 0 && slot < count) {
-        AlarmRec& r = table[slot];
-        Util::setWriteLock(&r.lock);
+    onRecord(*this, slot, true, false, [](AlarmRec& r) {
         r.socket = -1;
-        pthread_rwlock_unlock(&r.lock);
-    }
-    pthread_rwlock_unlock(&tableLock);
+        return true;
+    });
 }
 
 AlarmRec* ThreadAlarm::record(int slot) {

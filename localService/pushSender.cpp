@@ -7,7 +7,7 @@
 
 #include "channel.h"
 #include "faults.h"
-#include "presharedKey.h"
+#include "keySession.h"
 #include "request.h"
 #include "serviceContext.h"
 #include "socketIo.h"
@@ -74,13 +74,10 @@ void pushToBox(const Request& request, CommandChannel& channel, ServiceContext& 
         channel.finish();
         return;
     }
-    if (!channel.reply("OK|" + std::to_string(payload.size)) || !channel.handOver(faultOn(context.config, Fault::StrayEnd))) return;
-
-    std::string key = faultOn(context.config, Fault::WrongKey)
-                          ? wrongPresharedKey(request.boxId, displayName)
-                          : presharedKey(request.boxId, displayName);
-    ServerTlsSession session(channel.fd(), context.random);
-    if (!session.handshakeWithKey(key)) return;
+    auto keyed = openKeySession(channel, context, "OK|" + std::to_string(payload.size), request.boxId,
+                                displayName);
+    if (!keyed) return;
+    ServerTlsSession& session = *keyed;
 
     if (faultOn(context.config, Fault::CutPush)) {
         // An ordinary close, without a close notification: the box sees the

@@ -9,7 +9,7 @@
 
 #include "channel.h"
 #include "faults.h"
-#include "presharedKey.h"
+#include "keySession.h"
 #include "request.h"
 #include "serviceContext.h"
 #include "socketIo.h"
@@ -65,13 +65,9 @@ void receiveUpload(const Request& request, CommandChannel& channel, ServiceConte
         channel.handOver(false);
         return;
     }
-    if (!channel.reply("OK") || !channel.handOver(faultOn(context.config, Fault::StrayEnd))) return;
-
-    std::string key = faultOn(context.config, Fault::WrongKey)
-                          ? wrongPresharedKey(request.uploadId, displayName)
-                          : presharedKey(request.uploadId, displayName);
-    ServerTlsSession session(channel.fd(), context.random);
-    if (!session.handshakeWithKey(key)) return;
+    auto keyed = openKeySession(channel, context, "OK", request.uploadId, displayName);
+    if (!keyed) return;
+    ServerTlsSession& session = *keyed;
 
     if (faultOn(context.config, Fault::CutUpload)) {
         cutHalfWay(session, channel.fd(), request.uploadSize);
