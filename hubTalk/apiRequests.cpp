@@ -1,6 +1,9 @@
 #include "apiRequests.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <strings.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -60,6 +63,25 @@ std::string exportFileOf(const char* request) {
     return file.compare(0, dir.size(), dir) == 0 ? file : "";
 }
 
+// True when the client connected from this machine (127.0.0.0/8, ::1).
+bool fromLoopback(int fd, char* peer, size_t size) {
+    sockaddr_storage addr{};
+    socklen_t length = sizeof addr;
+    snprintf(peer, size, "unknown peer");
+    if (getpeername(fd, reinterpret_cast<sockaddr*>(&addr), &length) != 0) return false;
+    if (addr.ss_family == AF_INET) {
+        const auto* in = reinterpret_cast<const sockaddr_in*>(&addr);
+        inet_ntop(AF_INET, &in->sin_addr, peer, static_cast<socklen_t>(size));
+        return (ntohl(in->sin_addr.s_addr) >> 24) == 127;
+    }
+    if (addr.ss_family == AF_INET6) {
+        const auto* in6 = reinterpret_cast<const sockaddr_in6*>(&addr);
+        inet_ntop(AF_INET6, &in6->sin6_addr, peer, static_cast<socklen_t>(size));
+        return IN6_IS_ADDR_LOOPBACK(&in6->sin6_addr);
+    }
+    return false;
+}
+
 // A sharing document, the only request allowed to span several receives.
 bool isSharingDocument(const char* text) { return strstr(text, "\"sharing\"") != nullptr; }
 
@@ -102,6 +124,15 @@ void handleApiRequest(ListenerConnection& conn, char* first, int n) {
 
     const char* type = parser->getString(0, "request_type", 0);
     if (strcasecmp(type, "shutdown") == 0) {
+        char peer[INET6_ADDRSTRLEN];
+        if (!fromLoopback(conn.fd, peer, sizeof peer)) {
+            char line[128];
+            snprintf(line, sizeof line, "Shutdown refused: request from %s", peer);
+            logLine(line);
+            conn.send("error");
+            finish(conn);
+            return;
+        }
         writeTxt(dataDir, "SHUTDOWN.txt", "done");
         conn.send("success");
         conn.close();

@@ -1,7 +1,9 @@
 // JSON requests on the local listener: the client sends one object and reads
 // the answer until the connection closes. Answers carry no terminator.
 //
-//   request_type "shutdown"   -> "success", "SHUTDOWN.txt" = "done", exit 0
+//   request_type "shutdown"   -> "success", "SHUTDOWN.txt" = "done", exit 0;
+//                                from a peer off loopback "error" and a log
+//                                line (the port may answer the whole LAN)
 //   request_type "ping"       -> "success"
 //   request_type "DICOM send" -> "success"/"failure" of the upload of the file
 //                                named at the end of the request text; only

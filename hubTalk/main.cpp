@@ -8,17 +8,20 @@
 #include "roles.h"
 #include "settings.h"
 #include "startup.h"
+#include "supervisor.h"
 
 int main(int argc, char** argv) {
     try {
-        locateProgram(argv[0]);
+        rememberCommandLine(argc, argv);
+        if (!locateProgram(argv[0])) failStart("Program path too long\n%s", argv[0]);
         if (argc < 2) {
             fputs(USAGE, stderr);
             return 1;
         }
         StartOptions options;
         parseOptions(argc, argv, options);
-        if (prepareStart(options)) registerBox(dataDir);
+        prepareStart(options);
+        if (registrationPending(dataDir)) registerBox(dataDir);
         startRoleThreads();
         loop_proc();
     } catch (const MorvaExceptionTop& e) {

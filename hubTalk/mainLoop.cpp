@@ -11,6 +11,7 @@
 
 #include "files.h"
 #include "processResults.h"
+#include "registration.h"
 #include "selfUpdate.h"
 #include "sendFile.h"
 #include "settings.h"
@@ -61,6 +62,7 @@ char* heartbeatQuery(const char* dir, const char* internalIp, char* query) {
 }
 
 void loopCycle(const char* dir, unsigned (*pause)(unsigned)) {
+    if (registrationPending(dir)) registerBox(dir);
     char internalIp[256];
     get_intip(internalIp, sizeof internalIp);
     writeTxt(dir, "internalIp.txt", internalIp);

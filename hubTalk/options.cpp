@@ -4,6 +4,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <string>
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
@@ -57,32 +60,66 @@ void applyProcessingMode(const char* arg, int onlineCpus) {
     if (dash && dash[1]) NUM_WORKERS = std::clamp(atoi(dash + 1), 1, 8);
 }
 
-void locateProgram(const char* argv0) {
-    const char* at = strstr(argv0, "hubTalk");
-    if (!at || at == argv0) return;
-    size_t n = std::min(static_cast<size_t>(at - argv0), sizeof PREFIX - 1);
-    memcpy(PREFIX, argv0, n);
-    PREFIX[n] = '\0';
+bool locateProgram(const char* argv0) {
+    // Only the file name counts: the program may sit in a directory that is
+    // itself called hubTalk.
+    const char* base = argv0;
+    for (const char* p = argv0; *p; ++p)
+        if (*p == '/' || *p == '\\') base = p + 1;
+    const char* at = strstr(base, "hubTalk");
+    if (!at || at == argv0) return true;
+    std::string prefix(argv0, static_cast<size_t>(at - argv0));
+    // The worker changes into the data directory: a relative program
+    // directory would no longer find the companions beside the program.
+    if (base != argv0 && prefix[0] != '/') {
+        while (prefix.compare(0, 2, "./") == 0) prefix.erase(0, 2);
+        char cwd[PATH_MAX];
+        if (!getcwd(cwd, sizeof cwd)) return false;
+        prefix = std::string(cwd) + "/" + prefix;
+    }
+    if (prefix.size() >= sizeof PREFIX) return false;
+    memcpy(PREFIX, prefix.c_str(), prefix.size() + 1);
+    size_t n = prefix.size();
     for (size_t i = n; i-- > 0;) {
         if (PREFIX[i] == '/' || PREFIX[i] == '\\') {
-            snprintf(PROCESS_DIR, sizeof PROCESS_DIR, "%.*s", static_cast<int>(i), argv0);
+            snprintf(PROCESS_DIR, sizeof PROCESS_DIR, "%.*s", static_cast<int>(i), PREFIX);
             PRE = PREFIX + i + 1;
-            return;
+            return true;
         }
     }
     PRE = PREFIX;
+    return true;
 }
 
-// Splits "a|b" at the first bar into the two buffers; without a bar only the first is set.
-static void splitAtBar(const char* arg, char* first, char* second, bool secondOnlyWithBar) {
+// A path option's value; one that does not fit is refused rather than cut,
+// since a cut path names another directory.
+static void copyPath(char* dst, size_t cap, const char* src, char option) {
+    if (strlen(src) >= cap)
+        failStart("Path given with -%c is too long (at most %zu characters)\n%s\n", option, cap - 1, src);
+    copyBounded(dst, cap, src);
+}
+
+// Splits "a|b" at the first bar into the two paths; without a bar only the first is set.
+static void splitAtBar(const char* arg, char* first, char* second, bool secondOnlyWithBar, char option) {
     const char* bar = strchr(arg, '|');
     if (!bar) {
-        copyBounded(first, 256, arg);
+        copyPath(first, 256, arg, option);
         if (!secondOnlyWithBar) second[0] = '\0';
         return;
     }
-    snprintf(first, 256, "%.*s", static_cast<int>(bar - arg), arg);
-    copyBounded(second, 256, bar + 1);
+    std::string head(arg, static_cast<size_t>(bar - arg));
+    copyPath(first, 256, head.c_str(), option);
+    copyPath(second, 256, bar + 1, option);
+}
+
+// -p: a port number, nothing else.
+static int portOption(const char* arg) {
+    char* end = nullptr;
+    errno = 0;
+    long port = strtol(arg, &end, 10);
+    if (errno || end == arg || *end || port < 1 || port > 65535)
+        failStart("Port given with -p must be a number from 1 to 65535\n%s\n", arg);
+    return static_cast<int>(port);
 }
 
 static const int HELP_OPTION = 1000;
@@ -137,22 +174,24 @@ void parseOptions(int argc, char** argv, StartOptions& options) {
             case 'A': selectEmrInterface(optarg); break;
             case 'r': EMR_SR = true; break;
             case 'P': EMR_PDF = true; break;
-            case 'f': copyBounded(options.nameFile, sizeof options.nameFile, optarg); break;
+            case 'f': copyPath(options.nameFile, sizeof options.nameFile, optarg, 'f'); break;
             case 'd':
-                copyBounded(dataDir, sizeof dataDir, optarg);
+                copyPath(dataDir, sizeof dataDir, optarg, 'd');
                 updateCert(dataDir);
                 break;
-            case 'V': copyBounded(viewpointDir, sizeof viewpointDir, optarg); break;
-            case 'H': splitAtBar(optarg, HL7_dir, HL7_inputDir, false); break;
-            case 'S': splitAtBar(optarg, ShortCodeFile, TestCodeFile, true); break;
+            case 'V': copyPath(viewpointDir, sizeof viewpointDir, optarg, 'V'); break;
+            case 'H': splitAtBar(optarg, HL7_dir, HL7_inputDir, false, 'H'); break;
+            case 'S': splitAtBar(optarg, ShortCodeFile, TestCodeFile, true, 'S'); break;
             case 'n': NumTcpThreads = atoi(optarg); break;
             case 'R':
+                // Written at once: without a data directory it would land in "/".
+                if (!dataDir[0]) failStart("-R needs the data directory first: give -d before -R\n");
                 // A first start names its servers before the data dir exists.
-                if (dataDir[0] && !fileExists(dataDir, "")) makeDataDir(dataDir, false);
+                if (!fileExists(dataDir, "")) makeDataDir(dataDir, false);
                 writeTxt(dataDir, "receiver.txt", optarg);
                 writeTxt(dataDir, "hosts.txt", optarg);
                 break;
-            case 'p': PORT = atoi(optarg); break;
+            case 'p': PORT = portOption(optarg); break;
             case 'C': {
                 const char* colon = strchr(optarg, ':');
                 if (colon) {

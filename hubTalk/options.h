@@ -9,11 +9,14 @@ struct StartOptions {
 };
 
 // Parses argv with the long options; acts at once on -d (certificate) and -R
-// (server list files). Exits with status 1 for -?.
+// (server list files). Exits with status 1 for -?, for a path that does not
+// fit its setting, for -R before -d and for a port outside 1..65535.
 void parseOptions(int argc, char** argv, StartOptions& options);
 
 // -N: processing mode, optionally "-<workers>"; onlineCpus is the machine's count.
 void applyProcessingMode(const char* argument, int onlineCpus);
 
-// PREFIX, PROCESS_DIR and PRE from the program's own path.
-void locateProgram(const char* argv0);
+// PREFIX, PROCESS_DIR and PRE from the program's own path, when its file name
+// holds "hubTalk"; a relative directory is made absolute. False when the
+// path does not fit.
+bool locateProgram(const char* argv0);

@@ -136,37 +136,40 @@ void rebuildDescription(const char* dir) {
 }  // namespace
 
 int processResults(const char* dir, const char* reply) {
-    ResultsLock lock;
-    Memory memory;
-    KeyValues<char> table(64, 4096);
-    int count = 0;
-    char** items = Util::split(reply, '&', &count, &memory);
-    for (int i = 0; i < count; ++i) {
-        char* item = items[i];
-        char* value = strchr(item, '=');
-        if (value)
-            *value++ = '\0';
-        else
-            value = item + strlen(item);
-        table.addKeyValue(item, value);
-    }
-
-    storeDisplayName(dir, trimmedValue(table, "display_name"));
-
-    std::string account = trimmedValue(table, "acct");
-    if (EMR_INTF != EMR_NONE && !account.empty()) writeTxt(dir, "acct.txt", Util::encrypt(account.c_str()));
-
-    bool present = false;
-    std::string code = trimmedValue(table, "optimize", &present);
-    if (!present) code = "D";
-    applyOptimize(dir, code);
-    recomputeFlags(dir, code);
-    rebuildDescription(dir);
-
     OfferedVersions offered;
-    offered.hubTalk = versionOrZero(trimmedValue(table, "hubTalkVer"));
-    offered.storescp = versionOrZero(trimmedValue(table, "storescpVer"));
-    offered.dicomDic = versionOrZero(trimmedValue(table, "dicomDicVer"));
+    {
+        ResultsLock lock;
+        Memory memory;
+        KeyValues<char> table(64, 4096);
+        int count = 0;
+        char** items = Util::split(reply, '&', &count, &memory);
+        for (int i = 0; i < count; ++i) {
+            char* item = items[i];
+            char* value = strchr(item, '=');
+            if (value)
+                *value++ = '\0';
+            else
+                value = item + strlen(item);
+            table.addKeyValue(item, value);
+        }
+
+        storeDisplayName(dir, trimmedValue(table, "display_name"));
+
+        std::string account = trimmedValue(table, "acct");
+        if (EMR_INTF != EMR_NONE && !account.empty()) writeTxt(dir, "acct.txt", Util::encrypt(account.c_str()));
+
+        bool present = false;
+        std::string code = trimmedValue(table, "optimize", &present);
+        if (!present) code = "D";
+        applyOptimize(dir, code);
+        recomputeFlags(dir, code);
+        rebuildDescription(dir);
+
+        offered.hubTalk = versionOrZero(trimmedValue(table, "hubTalkVer"));
+        offered.storescp = versionOrZero(trimmedValue(table, "storescpVer"));
+        offered.dicomDic = versionOrZero(trimmedValue(table, "dicomDicVer"));
+    }
+    // Downloads take long: heartbeats and local requests must not wait on them.
     if (selfUpdateDue()) runSelfUpdate(dir, offered);
     return 0;
 }

@@ -11,7 +11,15 @@
 #include "settings.h"
 #include "text.h"
 
-void registerBox(const char* dir) {
+namespace {
+const char* const PENDING = "registrationPending.txt";
+}
+
+void markRegistrationPending(const char* dir) { writeTxt(dir, PENDING, "init"); }
+
+bool registrationPending(const char* dir) { return fileExists(dir, PENDING); }
+
+bool registerBox(const char* dir) {
     SendFile::sendIpsCommand(dir, VERBOSE, QUIET);
     int rc = 0;
     char* reply = SendFile::sendInitCommand(dir, rc, nullptr, VERBOSE, QUIET);
@@ -27,6 +35,11 @@ void registerBox(const char* dir) {
         writeTxt(dir, "storescpVer.txt", version);
         writeTxt(dir, "dicomDicVer.txt", version);
     }
-    if (*trim(kept)) processResults(dir, kept);
+    bool answered = *trim(kept) != '\0';
+    if (answered) {
+        rmFile(dir, PENDING);
+        processResults(dir, kept);
+    }
     free(kept);
+    return answered;
 }

@@ -8,7 +8,9 @@
 #include <cstring>
 
 #include "buildConfig.h"
+#include "exception.h"
 #include "files.h"
+#include "process.h"
 #include "settings.h"
 #include "text.h"
 
@@ -19,6 +21,7 @@ const int UPDATE_EVERY = 19;
 
 // Atomic: callers need not hold the reply lock.
 std::atomic<int> updateCount{1};
+std::atomic_flag updateRunning = ATOMIC_FLAG_INIT;
 
 // Where the program was started from (PROCESS_DIR when PREFIX holds a "/"),
 // else the standard installation directory.
@@ -44,7 +47,9 @@ int download(const std::string& installDir, const char* path, const std::string&
     free(quotedTool);
     free(quotedUrl);
     free(quotedTarget);
-    return system(command.c_str());
+    int status = runBounded(command.c_str(), DOWNLOAD_TIMEOUT_S);
+    if (status == RUN_TIMED_OUT) logLine("Self-update: download did not finish in time");
+    return status;
 }
 
 // Puts the downloaded "<current>.NEW" in place, keeping the old file as
@@ -126,8 +131,12 @@ bool isNewerVersion(const char* offered, const char* installed) {
 }
 
 void runSelfUpdate(const char* dataDir, const OfferedVersions& offered) {
+    // One update at a time; one that comes due meanwhile is skipped, the
+    // next check follows nineteen replies later.
+    if (updateRunning.test_and_set()) return;
     std::string installDir = installationDir();
-    if (!updateDictionary(dataDir, installDir, offered.dicomDic)) return;
-    if (!updateReceiver(dataDir, installDir, offered.storescp)) return;
-    updateProgram(dataDir, installDir, offered.hubTalk);
+    if (updateDictionary(dataDir, installDir, offered.dicomDic) &&
+        updateReceiver(dataDir, installDir, offered.storescp))
+        updateProgram(dataDir, installDir, offered.hubTalk);
+    updateRunning.clear();
 }

@@ -2,8 +2,12 @@
 // offered by the service in its replies. Files come from the download server
 // through the companion "download" tool of the installation directory, run
 // as "<tool> <url> <target>"; exit status 0 means the target was written.
+// The updates run outside the reply lock, one at a time.
 #pragma once
 #include <string>
+
+// A download still running after this is stopped and counts as failed.
+const unsigned DOWNLOAD_TIMEOUT_S = 600;
 
 // Newest versions the service offers; "0" means none.
 struct OfferedVersions {
@@ -25,6 +29,6 @@ std::string versionOrZero(const std::string& text);
 bool isNewerVersion(const char* offered, const char* installed);
 
 // Dictionary, then receiver, then program; a failed download or move ends
-// the check. After the program was replaced: sleeps 1 s and exits with
+// the check. Returns at once while another update is under way. After the program was replaced: sleeps 1 s and exits with
 // status 1, so that the supervising parent starts the new one.
 void runSelfUpdate(const char* dataDir, const OfferedVersions& offered);

@@ -1,8 +1,6 @@
 #include "startup.h"
 
-#include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -11,13 +9,16 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "exception.h"
 #include "files.h"
 #include "options.h"
 #include "pinnedCa.h"
 #include "random.h"
+#include "registration.h"
 #include "settings.h"
+#include "supervisor.h"
 #include "text.h"
 
 void updateCert(const char* dir) {
@@ -32,7 +33,7 @@ static void formatInto(char* dst, size_t size, const char* format, ...) {
     va_end(args);
 }
 
-[[noreturn]] __attribute__((format(printf, 1, 2))) static void fail(const char* format, ...) {
+void failStart(const char* format, ...) {
     va_list args;
     va_start(args, format);
     vfprintf(stderr, format, args);
@@ -91,9 +92,12 @@ static void describeExport() {
 
 // Writes the name to "hostName.txt" and checks that it reads back unchanged.
 static void writeIdentity(const char* name) {
+    // Marked first: an agent stopped before its registration went through
+    // registers at its next start.
+    markRegistrationPending(dataDir);
     writeTxt(dataDir, "hostName.txt", name);
     char* back = readTrimmed(dataDir, "hostName.txt");
-    if (strcmp(back, name) != 0) fail("Unable to write internal name to %s/hostName.txt\n%s", dataDir, name);
+    if (strcmp(back, name) != 0) failStart("Unable to write internal name to %s/hostName.txt\n%s", dataDir, name);
 }
 
 // Waits for the name file of -f; the name is cut to 92 characters.
@@ -121,64 +125,19 @@ static void newIdentity(char* out) {
     out[32] = '\0';
 }
 
-static volatile sig_atomic_t stopRequested = 0;
-static volatile pid_t supervisedChild = 0;
-
-static void onTerminate(int) {
-    stopRequested = 1;
-    if (supervisedChild > 0) kill(supervisedChild, SIGTERM);
-}
-
-static void becomeWorker(const char* dir) {
-    if (chdir(dir) != 0) logSysError("chdir to data directory failed");
-    signal(SIGHUP, SIG_IGN);
-    signal(SIGPIPE, SIG_IGN);
-    signal(SIGINT, SIG_IGN);
-}
-
-// Without daemonize: chdir, ignore SIGHUP/SIGPIPE/SIGINT, return. With it, the
-// caller becomes a supervising parent that restarts the worker whenever it
-// ends and never returns; only the worker returns. A SIGTERM to the parent
-// stops the worker and then the parent.
-static void daemonInit(const char* dir, bool daemonize) {
-    if (!daemonize) {
-        becomeWorker(dir);
-        return;
-    }
-    struct sigaction sa {};
-    sa.sa_handler = onTerminate;
-    sigemptyset(&sa.sa_mask);
-    sigaction(SIGTERM, &sa, nullptr);
-    for (;;) {
-        pid_t pid = fork();
-        if (pid < 0) throwFatal("Error forking");
-        if (pid == 0) {
-            signal(SIGTERM, SIG_DFL);
-            becomeWorker(dir);
-            return;
-        }
-        supervisedChild = pid;
-        if (stopRequested) kill(pid, SIGTERM);
-        int status;
-        while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-        }
-        supervisedChild = 0;
-        if (stopRequested) exit(0);
-        errno = 0;
-        logSysError("Restarting process");
-    }
-}
-
-bool prepareStart(const StartOptions& options) {
-    if (!dataDir[0] || dataDir[0] == '-') fail("No Data Dir\n%s", USAGE);
+void prepareStart(const StartOptions& options) {
+    if (!dataDir[0] || dataDir[0] == '-') failStart("No Data Dir\n%s", USAGE);
     describeHl7Dirs();
     if (ER_ip[0]) snprintf(applications1, sizeof applications1, "Routing/Retrieving (%s:%d)", ER_ip, ER_port);
 
-    if (!fileExists(dataDir, "") && !makeDataDir(dataDir, true)) fail("Cannot create Data Dir\n%s", dataDir);
+    if (!fileExists(dataDir, "") && !makeDataDir(dataDir, true)) failStart("Cannot create Data Dir\n%s", dataDir);
     // The worker changes into the data dir; every later path must still find it.
     char absolute[PATH_MAX];
-    if (dataDir[0] != '/' && realpath(dataDir, absolute) && strlen(absolute) < sizeof dataDir)
+    if (dataDir[0] != '/') {
+        if (!realpath(dataDir, absolute) || strlen(absolute) >= sizeof dataDir)
+            failStart("Data directory path too long (at most %zu characters)\n%s", sizeof dataDir - 1, dataDir);
         formatInto(dataDir, sizeof dataDir, "%s", absolute);
+    }
 
     if (EMR_INTF == EMR_HL7FILE) {
         snprintf(viewpointDir, sizeof viewpointDir, "%s", HL7_dir);
@@ -188,7 +147,7 @@ bool prepareStart(const StartOptions& options) {
     if (EMR_INTF == EMR_NONE && nonZeroFile(dataDir, "fileOnly.txt")) EMR_INTF = EMR_HL7FILE;
     if (EMR_INTF != EMR_NONE) {
         formatInto(HL7_cache, sizeof HL7_cache, "%s/%s", dataDir, "HL7");
-        if (!makeDir(HL7_cache)) fail("Cannot create HL7 Cache\n%s", HL7_cache);
+        if (!makeDir(HL7_cache)) failStart("Cannot create HL7 Cache\n%s", HL7_cache);
         if (EMR_INTF == EMR_HL7FILE) snprintf(HL7_dir, sizeof HL7_dir, "%s", HL7_cache);
     }
 
@@ -196,43 +155,35 @@ bool prepareStart(const StartOptions& options) {
 
     if (anyProcessingMode()) {
         if (!viewpointDir[0] || HL7_inputDir[0] || EMR_INTF > EMR_HL7FILE)
-            fail("Anonymization (-N) requires File-Export/VP6 (-V)\n");
+            failStart("Anonymization (-N) requires File-Export/VP6 (-V)\n");
         appendf(applications1, sizeof applications1, " (%s)", viewpointDir);
         formatInto(qDir, sizeof qDir, "%s/Q", dataDir);
-        if (!makeDir(qDir)) fail("Cannot create anon Q Dir%s\n", qDir);
+        if (!makeDir(qDir)) failStart("Cannot create anon Q Dir%s\n", qDir);
     }
 
     if (QUIET) {
-        char path[101];
-        formatInto(path, sizeof path, "%s/stderr.bc.txt", dataDir);
-        if (!freopen(path, "w", stderr)) {
+        std::string dir = dataDir;
+        if (!freopen((dir + "/stderr.bc.txt").c_str(), "w", stderr)) {
             // Standard error stays where it was; nothing better to report to.
         }
-        formatInto(path, sizeof path, "%s/stdout.bc.txt", dataDir);
-        if (!freopen(path, "w", stdout)) {
+        if (!freopen((dir + "/stdout.bc.txt").c_str(), "w", stdout)) {
             // As above.
         }
     }
 
-    bool changed = false;
     char name[128] = {0};
     if (options.nameFile[0]) {
         readNameFile(options.nameFile, name, sizeof name);
-        if (fileExists(dataDir, "hostName.txt") && strcmp(readTrimmed(dataDir, "hostName.txt"), name) != 0) {
+        if (fileExists(dataDir, "hostName.txt") && strcmp(readTrimmed(dataDir, "hostName.txt"), name) != 0)
             writeIdentity(name);
-            changed = true;
-        }
     }
 
     daemonInit(dataDir, options.daemonize);
 
     if (name[0] && !fileExists(dataDir, "hostName.txt")) {
         writeIdentity(name);
-        changed = true;
     } else if (!*readTrimmed(dataDir, "hostName.txt")) {
         if (!name[0]) newIdentity(name);
         writeIdentity(name);
-        changed = true;
     }
-    return changed;
 }

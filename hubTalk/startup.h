@@ -4,6 +4,9 @@
 
 struct StartOptions;
 
+// Prints the message on standard error and ends the process with status 1.
+[[noreturn]] __attribute__((format(printf, 1, 2))) void failStart(const char* format, ...);
+
 // Writes the pinned certificate authority as "sundel.crt" when missing or empty.
 void updateCert(const char* dir);
 
@@ -11,11 +14,10 @@ void updateCert(const char* dir);
 // certificate; settle waits a second before looking. False when it is missing.
 bool makeDataDir(const char* dir, bool settle);
 
-// Steps after option parsing up to and including the device identity.
-// Exits with status 1 (and a message on standard error) on any failure.
-// Returns true when the identity was written or changed, i.e. the box must
-// register with the service.
-bool prepareStart(const StartOptions& options);
+// Steps after option parsing up to and including the device identity and the
+// supervising parent. Exits with status 1 (and a message on standard error)
+// on any failure. A new or changed identity is marked for registration.
+void prepareStart(const StartOptions& options);
 
 // The box's internal IPv4 addresses: "127.0.0.1" when none, else the first
 // non-loopback address, followed by up to three more joined by ",".

@@ -19,7 +19,8 @@ struct TlsSession {
     TlsSession& operator=(const TlsSession&) = delete;
 
     // Required verification against the authority in caPath, no host-name
-    // check. < 0 when the certificate does not parse or set-up failed.
+    // check. < 0 when caPath is no regular file of at most 1 MiB, the
+    // certificate does not parse, or set-up failed.
     int configureCert(const char* caPath);
     // Pre-shared key (its string length), identity "Nothing". Records of an
     // earlier session still waiting in the socket are dropped unread.

@@ -3,16 +3,22 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <memory>
 #include <thread>
+#include <cstring>
 #include <vector>
 
+#include "apiRequests.h"
+#include "listener.h"
 #include "listenerClient.h"
 #include "localServiceHarness.h"
+#include "morvaAlarms.h"
+#include "settings.h"
 #include "testUtil.h"
 
 namespace {
@@ -52,6 +58,30 @@ TEST(ListenerJson, PingNonsenseAndShutdown) {
     EXPECT_EQ(talk(l.port(), R"({"request_type": "Shutdown"})"), "success");
     EXPECT_EQ(l.wait(), 0);
     EXPECT_EQ(slurp(tmp.file("SHUTDOWN.txt")), "done");
+}
+
+TEST(ListenerJson, ShutdownOnlyFromThisMachine) {
+    // A peer without a loopback address stands in for a client on the LAN.
+    TempDir tmp;
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+    fflush(nullptr);
+    pid_t pid = fork();
+    if (pid == 0) {
+        snprintf(dataDir, sizeof dataDir, "%s", tmp.path().c_str());
+        char request[] = R"({"request_type": "shutdown"})";
+        {
+            ListenerConnection conn(pair[0], m_alarms->regThread(pthread_self()));
+            handleApiRequest(conn, request, static_cast<int>(strlen(request)));
+        }
+        _exit(3);  // still here: the request was refused
+    }
+    close(pair[0]);
+    EXPECT_EQ(readAll(pair[1]), "error");
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 3) << status;
+    EXPECT_FALSE(exists(tmp.file("SHUTDOWN.txt")));
 }
 
 TEST(ListenerService, DicomSendUploadsOnlyFilesOfTheExportDirectory) {

@@ -1,5 +1,5 @@
-// The built agent registers a new identity with the bundled local service and
-// skips registration when it starts again with the same identity.
+// The built agent registers a new identity with the bundled local service,
+// retries while the service is out of reach, and registers once per identity.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,15 +9,15 @@
 
 namespace {
 
-bool logged(const LocalService& service, const std::string& prefix) {
-    for (const auto& c : service.commands())
-        if (c.compare(0, prefix.size(), prefix) == 0) return true;
-    return false;
+size_t count(const LocalService& service, const std::string& prefix) {
+    size_t n = 0;
+    for (const auto& c : service.commands()) n += c.compare(0, prefix.size(), prefix) == 0;
+    return n;
 }
 
 }  // namespace
 
-TEST(Registration, FirstStartRegistersSecondStartDoesNot) {
+TEST(Registration, RetriedUntilAnsweredThenNeverAgain) {
     LocalService service;
     TempDir tmp;
     std::string data = tmp.file("data");
@@ -25,16 +25,23 @@ TEST(Registration, FirstStartRegistersSecondStartDoesNot) {
     service.prepareAgentDataDir(data, "box-one", "Clinic One");
     unlink((data + "/hostName.txt").c_str());  // a new box: no identity yet
     service.setReply("init", "displayName=Clinic One\n");
+    // The service is out of reach for the first start.
+    service.setFault(LocalService::Fault::NoOk);
 
     {
         ChildProcess agent({HUBTALK_BIN, "-d", data, "-s", "3"}, "", tmp.file("out1"), tmp.file("err1"));
-        ASSERT_TRUE(waitUntil([&] { return logged(service, "init|"); }, 15000)) << slurp(tmp.file("err1"));
+        // The main loop's first cycle has begun: start-up and one retry failed.
+        ASSERT_TRUE(waitUntil([&] { return exists(data + "/internalIp.txt"); }, 15000)) << slurp(tmp.file("err1"));
+        EXPECT_TRUE(exists(data + "/registrationPending.txt"));
+        service.setFault(LocalService::Fault::NoOk, false);
+        ASSERT_TRUE(waitUntil([&] { return count(service, "init|") > 0; }, 15000)) << slurp(tmp.file("err1"));
         std::string id = slurp(data + "/hostName.txt");
         ASSERT_EQ(id.size(), 32u);
         auto commands = service.commands();
         ASSERT_GE(commands.size(), 2u);
         EXPECT_EQ(commands[0], "ips/" + id);
         EXPECT_EQ(commands[1], "init|fqdn=" + id);
+        EXPECT_TRUE(waitUntil([&] { return !exists(data + "/registrationPending.txt"); }, 5000));
         // The installed versions are recorded once, all three alike.
         ASSERT_TRUE(waitUntil([&] { return exists(data + "/dicomDicVer.txt"); }, 5000));
         std::string version = slurp(data + "/hubTalkVer.txt");
@@ -43,14 +50,25 @@ TEST(Registration, FirstStartRegistersSecondStartDoesNot) {
         EXPECT_EQ(slurp(data + "/storescpVer.txt"), version);
         EXPECT_EQ(slurp(data + "/dicomDicVer.txt"), version);
         // The main loop then keeps the box alive.
-        EXPECT_TRUE(waitUntil([&] { return logged(service, "heartbeat|"); }, 15000));
+        EXPECT_TRUE(waitUntil([&] { return count(service, "heartbeat|") > 0; }, 15000));
         EXPECT_EQ(agent.stop(SIGTERM), 128 + SIGTERM);
     }
+    EXPECT_EQ(count(service, "init|"), 1u);
 
-    size_t before = service.commands().size();
-    ChildProcess agent({HUBTALK_BIN, "-d", data, "-s", "3"}, "", tmp.file("out2"), tmp.file("err2"));
-    ASSERT_TRUE(waitUntil([&] { return service.commands().size() > before + 1; }, 15000));
-    auto commands = service.commands();
-    for (size_t i = before; i < commands.size(); ++i)
-        EXPECT_NE(commands[i].rfind("init|", 0), 0u) << "registered again: " << commands[i];
+    // A name file changes the identity: one registration, however often the
+    // supervised worker is restarted.
+    service.addBox("box-two", "Clinic Two");
+    spit(tmp.file("name"), "box-two");
+    ChildProcess agent({HUBTALK_BIN, "-d", data, "-s", "3", "-z", "-f", tmp.file("name")}, "", tmp.file("out2"),
+                       tmp.file("err2"));
+    for (int round = 0; round < 3; round++) {
+        size_t beats = count(service, "heartbeat|");
+        ASSERT_TRUE(waitUntil([&] { return count(service, "heartbeat|") > beats; }, 15000))
+            << slurp(tmp.file("err2"));
+        auto workers = childrenOf(agent.pid());
+        ASSERT_EQ(workers.size(), 1u);
+        if (round < 2) kill(workers[0], SIGKILL);
+    }
+    EXPECT_EQ(count(service, "init|fqdn=box-two"), 1u);
+    EXPECT_EQ(count(service, "init|"), 2u);
 }

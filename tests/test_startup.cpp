@@ -73,7 +73,28 @@ TEST(StartupCommandLine, UsageAndRefusals) {
     EXPECT_EQ(dashDir.status, 1);
     EXPECT_EQ(dashDir.err, "No Data Dir\n" + usage);
 
+    // Refused rather than cut or written elsewhere: the messages name the cause.
     TempDir tmp;
+    const std::string longPath = tmp.path() + "/" + std::string(260, 'p');
+    struct Refusal {
+        std::vector<std::string> args;
+        const char* message;
+    } refusals[] = {
+        {{"-R", "127.0.0.9", "-d", tmp.file("data")}, "-R needs the data directory first"},
+        {{"-d", longPath}, "Path given with -d is too long (at most 255 characters)"},
+        {{"-d", tmp.file("data"), "-V", longPath}, "Path given with -V is too long"},
+        {{"-d", tmp.file("data"), "-H", "out|" + longPath}, "Path given with -H is too long"},
+        {{"-d", tmp.file("data"), "-p", "0"}, "Port given with -p must be a number from 1 to 65535"},
+        {{"-d", tmp.file("data"), "-p", "65536"}, "Port given with -p must be"},
+        {{"-d", tmp.file("data"), "-p", "80x"}, "Port given with -p must be"},
+    };
+    for (const Refusal& r : refusals) {
+        RunResult run = hubTalk(r.args);
+        EXPECT_EQ(run.status, 1) << r.message;
+        EXPECT_NE(run.err.find(r.message), std::string::npos) << run.err;
+    }
+    EXPECT_FALSE(exists(tmp.file("data/hostName.txt")));
+
     RunResult anon = hubTalk({"-d", tmp.file("data"), "-V", tmp.path(), "-A", "centricity", "-N", "1"});
     EXPECT_EQ(anon.status, 1);
     EXPECT_NE(anon.err.find("Anonymization (-N) requires File-Export/VP6 (-V)\n"), std::string::npos);
@@ -138,7 +159,8 @@ TEST(StartupDataDir, NameFileSetsAndChangesIdentity) {
 
 TEST(StartupQuiet, OutputGoesToFilesAndSupervisorRestartsWorker) {
     TempDir tmp;
-    std::string data = tmp.file("data");
+    // A long path once cut the output files' names.
+    std::string data = tmp.file(std::string(120, 'q'));
     // -v: a quiet, non-verbose worker rewinds the shared log before each
     // network failure report and could overwrite the parent's line.
     RunningAgent agent({"-d", data, "-q", "-v", "-z"}, data);
@@ -228,14 +250,28 @@ TEST(StartupOptions, ProcessingModeWorkers) {
     resetSettings();
 }
 
-TEST(StartupOptions, ProgramLocation) {
+TEST(StartupOptions, ProgramLocationFromTheFileNameMadeAbsolute) {
+    char cwd[4096];
+    ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
+    const std::string here = cwd;
+    struct Case {
+        const char* argv0;
+        std::string dir, pre;
+    } cases[] = {
+        {"/opt/hubTalk/hubTalk", "/opt/hubTalk", ""},  // a directory named like the program
+        {"/opt/agent/bin/xhubTalk", "/opt/agent/bin", "x"},
+        {"build/hubTalk/hubTalk", here + "/build/hubTalk", ""},
+        {"./bin/vshubTalk", here + "/bin", "vs"},
+        {"hubTalk", "", ""},
+        {"/opt/hubTalk/agent", "", ""},
+    };
+    for (const Case& c : cases) {
+        resetSettings();
+        EXPECT_TRUE(locateProgram(c.argv0));
+        EXPECT_EQ(PROCESS_DIR, c.dir) << c.argv0;
+        EXPECT_EQ(PRE, c.pre) << c.argv0;
+    }
     resetSettings();
-    locateProgram("/opt/agent/bin/xhubTalk");
-    EXPECT_STREQ(PROCESS_DIR, "/opt/agent/bin");
-    EXPECT_STREQ(PRE, "x");
-    EXPECT_STREQ(PREFIX, "/opt/agent/bin/x");
+    EXPECT_FALSE(locateProgram(("/" + std::string(300, 'd') + "/hubTalk").c_str()));
     resetSettings();
-    locateProgram("hubTalk");
-    EXPECT_STREQ(PROCESS_DIR, "");
-    EXPECT_STREQ(PRE, "");
 }

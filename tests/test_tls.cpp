@@ -1,6 +1,8 @@
 // The pinned-certificate command transport and the clear transport against
 // the local service.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <string>
 
@@ -77,6 +79,10 @@ TEST_F(Tls, RefusedSessionsReturnNothingAndReport) {
 
     remove(data.file("sundel.crt").c_str());
     expectRefused(true, "certificate does not parse");
+    // A directory in its place once made the library allocate without bound.
+    ASSERT_EQ(mkdir(data.file("sundel.crt").c_str(), 0775), 0);
+    expectRefused(true, "certificate does not parse");
+    rmdir(data.file("sundel.crt").c_str());
     spit(data.file("sundel.crt"), "-----BEGIN CERTIFICATE-----\nnot a cert\n-----END CERTIFICATE-----\n");
     expectRefused(true, "certificate does not parse");
     EXPECT_TRUE(svc.commands().empty());

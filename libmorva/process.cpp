@@ -1,0 +1,66 @@
+#include "process.h"
+
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+extern char** environ;
+
+namespace {
+
+const long POLL_FIRST_NS = 1000000;   // 1 ms: most companions end quickly
+const long POLL_MOST_NS = 50000000;   // 50 ms
+
+double now() {
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
+}
+
+int statusOf(int status) {
+    if (WIFEXITED(status)) return WEXITSTATUS(status);
+    return RUN_KILLED;
+}
+
+}  // namespace
+
+int runBounded(const char* command, unsigned seconds) {
+    posix_spawnattr_t attr;
+    posix_spawnattr_init(&attr);
+    sigset_t none, pipe;
+    sigemptyset(&none);
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    posix_spawnattr_setsigmask(&attr, &none);
+    posix_spawnattr_setsigdefault(&attr, &pipe);
+    posix_spawnattr_setpgroup(&attr, 0);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
+    char sh[] = "/bin/sh", c[] = "-c";
+    char* argv[] = {sh, c, const_cast<char*>(command ? command : ""), nullptr};
+    pid_t pid = -1;
+    int rc = posix_spawn(&pid, "/bin/sh", nullptr, &attr, argv, environ);
+    posix_spawnattr_destroy(&attr);
+    if (rc != 0) return RUN_NOT_STARTED;
+
+    double deadline = now() + seconds;
+    long pause = POLL_FIRST_NS;
+    for (;;) {
+        int status = 0;
+        pid_t r = waitpid(pid, &status, WNOHANG);
+        if (r == pid) return statusOf(status);
+        if (r < 0 && errno != EINTR) return RUN_NOT_STARTED;
+        if (now() >= deadline) break;
+        timespec ts{0, pause};
+        nanosleep(&ts, nullptr);
+        pause = pause * 2 < POLL_MOST_NS ? pause * 2 : POLL_MOST_NS;
+    }
+    kill(-pid, SIGKILL);
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    return RUN_TIMED_OUT;
+}

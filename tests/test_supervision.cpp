@@ -1,0 +1,160 @@
+// The supervising parent (-z) of the built program, driven as an operator
+// would: signals, a worker that dies at once, a local shutdown request, and a
+// self-update of the program in installation trees of two layouts.
+#include <gtest/gtest.h>
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <memory>
+
+#include "buildConfig.h"
+#include "listenerClient.h"
+#include "localServiceHarness.h"
+#include "testUtil.h"
+
+namespace {
+
+// The agent under -z, its output in files; a data directory with an identity
+// of its own, so nothing registers unless the test wires a service.
+struct Supervised {
+    TempDir tmp;
+    std::string data = tmp.file("data");
+    std::unique_ptr<ChildProcess> parent;
+
+    Supervised() {
+        mkdir(data.c_str(), 0775);
+        spit(data + "/hostName.txt", "box-supervised");
+    }
+    void start(std::vector<std::string> args, const std::string& program = HUBTALK_BIN, const std::string& cwd = "") {
+        args.insert(args.begin(), {program, "-d", data, "-z"});
+        parent = std::make_unique<ChildProcess>(args, cwd, tmp.file("out"), tmp.file("err"));
+    }
+    int worker() {
+        auto children = childrenOf(parent->pid());
+        return children.size() == 1 ? children[0] : -1;
+    }
+    size_t restarts() {
+        std::string err = slurp(tmp.file("err"));
+        size_t n = 0;
+        for (size_t at = 0; (at = err.find("Restarting process", at)) != std::string::npos; at++) n++;
+        return n;
+    }
+};
+
+bool alive(int pid) { return pid > 0 && kill(pid, 0) == 0; }
+
+std::string exeOf(int pid) {
+    char buf[4096];
+    ssize_t n = readlink(("/proc/" + std::to_string(pid) + "/exe").c_str(), buf, sizeof buf);
+    return n > 0 ? std::string(buf, static_cast<size_t>(n)) : "";
+}
+
+void copyProgram(const std::string& from, const std::string& to) {
+    spit(to, slurp(from));
+    chmod(to.c_str(), 0755);
+}
+
+}  // namespace
+
+TEST(Supervisor, HangUpIsIgnoredInterruptStopsBoth) {
+    Supervised s;
+    s.start({});
+    ASSERT_TRUE(waitUntil([&] { return s.worker() > 0; }, 10000)) << slurp(s.tmp.file("err"));
+    int worker = s.worker();
+    kill(s.parent->pid(), SIGHUP);
+    usleep(300 * 1000);
+    EXPECT_TRUE(alive(s.parent->pid()));
+    EXPECT_EQ(s.worker(), worker);
+    EXPECT_EQ(s.parent->stop(SIGINT), 0);
+    EXPECT_TRUE(waitUntil([&] { return !alive(worker); }, 5000)) << "worker outlived its parent";
+}
+
+TEST(Supervisor, WorkerDyingAtOnceIsRestartedWithGrowingPauses) {
+    // The port is taken: every worker ends at once with a bind failure.
+    int holder = socket(AF_INET, SOCK_STREAM, 0);
+    int port = freePort();
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(static_cast<uint16_t>(port));
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(bind(holder, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+    ASSERT_EQ(listen(holder, 1), 0);
+
+    Supervised s;
+    s.start({"-l", "-p", std::to_string(port)});
+    // Pauses of 1 s, then 2 s: three or four starts in 4.5 s, not hundreds.
+    usleep(4500 * 1000);
+    size_t restarts = s.restarts();
+    EXPECT_GE(restarts, 2u);
+    EXPECT_LE(restarts, 4u);
+    EXPECT_NE(slurp(s.tmp.file("err")).find("Could not bind"), std::string::npos);
+    close(holder);
+}
+
+TEST(Supervisor, LocalShutdownStopsWorkerAndParent) {
+    Supervised s;
+    int port = freePort();
+    s.start({"-l", "-p", std::to_string(port)});
+    ASSERT_TRUE(waitUntil([&] { return talk(port, PING_REQUEST) == "success"; }, 10000));
+    int worker = s.worker();
+    EXPECT_EQ(talk(port, R"({"request_type": "shutdown"})"), "success");
+    EXPECT_EQ(s.parent->wait(10000), 0);
+    EXPECT_FALSE(alive(worker));
+    EXPECT_FALSE(exists(s.data + "/SHUTDOWN.txt"));  // the next start is not a shutdown
+    EXPECT_EQ(s.restarts(), 0u);
+}
+
+// The program installed at a path of each layout; the service offers a newer
+// version through every heartbeat, and relayed requests that fail bring those
+// heartbeats quickly. The download tool beside the program serves a copy of
+// the built program as the new version.
+class ProgramUpdate : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(ProgramUpdate, ParentStartsTheNewProgramInPlace) {
+    const std::string program = GetParam();  // relative to the test's directory
+    Supervised s;
+    std::string installed = s.tmp.file(program.substr(program.compare(0, 2, "./") == 0 ? 2 : 0));
+    std::string installDir = installed.substr(0, installed.rfind('/'));
+    ASSERT_EQ(system(("mkdir -p '" + installDir + "'").c_str()), 0);
+    copyProgram(HUBTALK_BIN, installed);
+    copyProgram(HUBTALK_BIN, s.tmp.file("new-program"));
+    spit(installDir + "/download", "#!/bin/sh\necho \"$1\" >> '" + s.tmp.file("calls.log") +
+                                       "'\ncase \"$1\" in\n*/piecesX/hubTalk) cp '" + s.tmp.file("new-program") +
+                                       "' \"$2\" ;;\n*) exit 1 ;;\nesac\n");
+    chmod((installDir + "/download").c_str(), 0755);
+
+    LocalService service;
+    service.prepareAgentDataDir(s.data, "box7", "Clinic");
+    spit(s.data + "/hubTalkVer.txt", "20240101:10");
+    service.setReply("API", "error");
+    service.setReply("heartbeat", "display_name=Clinic&hubTalkVer=20990101:00");
+
+    int port = freePort();
+    // Started by a relative path from the test's directory, or by the absolute one.
+    std::string argv0 = program[0] == '.' ? program : installed;
+    s.start({"-U", "-l", "-p", std::to_string(port)}, argv0, s.tmp.path());
+    ASSERT_TRUE(waitUntil([&] { return talk(port, PING_REQUEST) == "success"; }, 10000))
+        << slurp(s.tmp.file("err"));
+    for (int i = 0; i < 40 && slurp(s.data + "/hubTalkVer.txt") != "20990101:00"; i++)
+        talk(port, R"({"request_type": "status"})");
+    ASSERT_EQ(slurp(s.data + "/hubTalkVer.txt"), "20990101:00") << slurp(s.tmp.file("err"));
+
+    // The same parent process now runs the new file, and so does its worker.
+    EXPECT_TRUE(waitUntil([&] { return exeOf(s.parent->pid()) == installed; }, 10000)) << exeOf(s.parent->pid());
+    EXPECT_TRUE(waitUntil([&] { return talk(port, PING_REQUEST) == "success"; }, 10000));
+    EXPECT_EQ(exeOf(s.worker()), installed);
+    EXPECT_EQ(slurp(installed + ".SV"), slurp(HUBTALK_BIN));
+    EXPECT_NE(slurp(s.tmp.file("calls.log")).find("/varnesk_sundel/piecesX/hubTalk\n"), std::string::npos);
+    struct stat st;
+    EXPECT_TRUE(stat(installDir.c_str(), &st) == 0 && S_ISDIR(st.st_mode));  // the directory stays where it was
+    EXPECT_FALSE(exists(installDir + ".SV"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Layouts, ProgramUpdate, ::testing::Values("opt/hubTalk/hubTalk", "./bin/vshubTalk"),
+                         [](const ::testing::TestParamInfo<const char*>& info) {
+                             return std::string(info.param[0] == '.' ? "RelativeWithPrefix" : "DirectoryNamedHubTalk");
+                         });
