@@ -1,6 +1,10 @@
 #include "mllp.h"
 
+#include <sys/stat.h>
+
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "exception.h"
@@ -18,6 +22,14 @@ const char END_BYTE = 0x1C;
 // A frame that grows beyond this without its end byte is cut short there.
 const unsigned int MAX_FRAME = 16 * 1024 * 1024;
 const size_t MAX_ID_IN_NAME = 64;
+// One control ID may come thousands of times: after this many taken names
+// "<id>.<0..999>.hl7" the number is drawn from all 32 bits.
+const int NARROW_NAME_DRAWS = 8;
+const unsigned int NARROW_NAME_RANGE = 1000;
+// Taken names in all before a message is refused.
+const int MAX_NAME_DRAWS = 32;
+const char* const REJECTED_DIR = "rejected";
+const mode_t DIR_MODE = 0775;
 
 void appendBlanked(GrowingString& out, char* bytes, ssize_t n) {
     blankZeros(bytes, n);
@@ -32,6 +44,17 @@ bool safeNameByte(unsigned char c) {
 // Where inbound messages are stored ("": nowhere). Never the HL7 cache: for
 // link-file sites that is the outbound directory.
 const char* hl7InboundDir() { return HL7_inputDir; }
+
+// The text without control bytes, in the arena: an echoed control ID must
+// not frame or end the answer.
+char* withoutControlBytes(const char* text, Memory& arena) {
+    char* out = static_cast<char*>(arena.malloc(strlen(text) + 1));
+    char* o = out;
+    for (const unsigned char* p = reinterpret_cast<const unsigned char*>(text); *p; p++)
+        if (*p >= 0x20 && *p != 0x7F) *o++ = static_cast<char>(*p);
+    *o = '\0';
+    return out;
+}
 
 void buildHl7Answer(GrowingString& out, bool accepted, const char* controlId, const char* timestamp) {
     const char start[2] = {START_BYTE, 0};
@@ -60,6 +83,60 @@ char* hl7FileName(const char* controlId, unsigned int n, char* out, size_t size)
     return out;
 }
 
+// Stores the message in a new file of its own in dir, never over another
+// (senders reuse control IDs); 0 or an errno value.
+int storeMessage(const char* dir, const char* controlId, const char* text) {
+    char name[MAX_ID_IN_NAME + 32];
+    for (int draw = 0; draw < MAX_NAME_DRAWS; draw++) {
+        unsigned int random = 0;
+        getRandomNumber(reinterpret_cast<unsigned char*>(&random), 4);
+        hl7FileName(controlId, draw < NARROW_NAME_DRAWS ? random % NARROW_NAME_RANGE : random, name, sizeof name);
+        int rc = createDataSynced(dir, name, text, strlen(text));
+        if (rc != EEXIST) return rc;
+    }
+    return EEXIST;
+}
+
+void keepRejected(const char* controlId, const char* text) {
+    char* dir = makePath(hl7InboundDir(), REJECTED_DIR);
+    if (!dir) return;
+    mkdir(dir, DIR_MODE);
+    storeMessage(dir, controlId, text);
+    ::free(dir);
+}
+
+// Stores and answers one frame (its end byte blanked when it came); false
+// when the answer could not be sent.
+bool serveFrame(ListenerConnection& conn, char* frame, bool complete, Memory& arena) {
+    int count = 0;
+    char** fields = Util::split(frame, '|', &count, &arena);
+    const char* controlId = count < 10 ? "ERROR" : fields[9];
+    bool accepted = false;
+
+    char* msh = strstr(frame, "MSH|");
+    if (msh && *hl7InboundDir()) {
+        rtrim(msh);
+        bool wellFormed = count >= 10 && complete;
+        int rc = wellFormed ? storeMessage(hl7InboundDir(), controlId, msh) : 0;
+        accepted = wellFormed && rc == 0;
+        if (!accepted) keepRejected(controlId, msh);
+        if (rc != 0 && !QUIET) {
+            char line[128];
+            snprintf(line, sizeof line, "HL7 message %.64s not stored", controlId);
+            errno = rc;
+            logSysError(line);
+        }
+    } else if (msh && !QUIET) {
+        fprintf(stderr, "No inbound HL7 directory: message %.64s not stored\n", controlId);
+    }
+
+    char timestamp[32];
+    getUniversalDate(0, timestamp, sizeof timestamp);
+    GrowingString answer;
+    buildHl7Answer(answer, accepted, withoutControlBytes(controlId, arena), timestamp);
+    return conn.send(answer.data(), answer.length());
+}
+
 }  // namespace
 
 void handleHl7Request(ListenerConnection& conn, char* first, int n) {
@@ -67,49 +144,35 @@ void handleHl7Request(ListenerConnection& conn, char* first, int n) {
     GrowingString text;
     appendBlanked(text, first, n);
 
-    // Receiving stops at the first chunk holding an end byte, so the last end
-    // byte of the text is always in the newest chunk.
-    bool complete = memrchr(first, END_BYTE, static_cast<size_t>(n)) != nullptr;
+    // Receiving stops at the first chunk holding an end byte.
+    bool complete = memchr(first, END_BYTE, static_cast<size_t>(n)) != nullptr;
     char* buf = static_cast<char*>(arena.malloc(LISTENER_BUFFER));
     conn.arm(LISTENER_TIMEOUT_MS);
     while (!complete && text.length() < MAX_FRAME) {
         ssize_t got = conn.receive(buf, LISTENER_BUFFER);
         if (got <= 0) break;
         appendBlanked(text, buf, got);
-        complete = memrchr(buf, END_BYTE, static_cast<size_t>(got)) != nullptr;
+        complete = memchr(buf, END_BYTE, static_cast<size_t>(got)) != nullptr;
     }
     char* message = text.get(&arena);
-    if (complete) *strrchr(message, END_BYTE) = ' ';
     conn.disarm();
 
-    int count = 0;
-    char** fields = Util::split(message, '|', &count, &arena);
-    const char* controlId = count < 10 ? "ERROR" : fields[9];
-    bool accepted = count >= 10 && complete;
-
-    char* msh = strstr(message, "MSH|");
-    if (!msh) {
-        accepted = false;
-    } else if (*hl7InboundDir()) {
-        // Senders reuse control IDs: a message still waiting to be processed
-        // is not overwritten while another name is free.
-        char name[MAX_ID_IN_NAME + 32];
-        for (int tries = 0; tries < 8; tries++) {
-            unsigned int random = 0;
-            getRandomNumber(reinterpret_cast<unsigned char*>(&random), 4);
-            hl7FileName(controlId, random % 1000, name, sizeof name);
-            if (!fileExists(hl7InboundDir(), name)) break;
-        }
-        // An acknowledged message must not be lost: the sender retries a NACK.
-        if (!writeTxt(hl7InboundDir(), name, rtrim(msh))) accepted = false;
-    } else if (!QUIET) {
-        fprintf(stderr, "No inbound HL7 directory: message %.64s not stored\n", controlId);
+    if (!complete) {
+        serveFrame(conn, message, false, arena);
+        conn.close();
+        return;
     }
-
-    char timestamp[32];
-    getUniversalDate(0, timestamp, sizeof timestamp);
-    GrowingString answer;
-    buildHl7Answer(answer, accepted, controlId, timestamp);
-    conn.send(answer.data(), answer.length());
+    // A frame runs from its start byte to the next start byte after its
+    // (last) end byte; what follows the last complete frame is left unanswered.
+    for (char* frame = message; frame;) {
+        char* end = strchr(frame, END_BYTE);
+        if (!end) break;
+        char* next = strchr(end, START_BYTE);
+        if (next) *next = '\0';
+        *strrchr(frame, END_BYTE) = ' ';
+        if (!serveFrame(conn, frame, true, arena)) break;
+        if (next) *next = START_BYTE;
+        frame = next;
+    }
     conn.close();
 }

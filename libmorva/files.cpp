@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -21,6 +22,10 @@ char EMPTY_TEXT[1] = {'\0'};
 namespace {
 const mode_t FILE_MODE = 0664;
 const size_t COPY_BUFFER = 1048576;
+// Temporary names tried in turn while earlier ones are taken.
+const int TEMPORARY_TRIES = 64;
+
+thread_local unsigned int t_temporaryCount = 0;
 
 // Owns a malloc'd path for the length of a call.
 struct Path {
@@ -55,14 +60,62 @@ ssize_t writeFully(int fd, const char* buf, size_t n) {
     return static_cast<ssize_t>(done);
 }
 
-// Runs "<verb> <quoted a> <quoted b>" through the shell; returns system()'s status.
-int shellTwo(const char* verb, const char* a, const char* b) {
-    char* qa = shellQuote(a);
-    char* qb = shellQuote(b);
-    std::string cmd = std::string(verb) + " " + qa + " " + qb;
-    ::free(qa);
-    ::free(qb);
-    return system(cmd.c_str());
+// The errno of a failure, also of one that set none (a write of 0 bytes).
+int failure() { return errno ? errno : EIO; }
+
+// Creates a temporary beside path, "<path>.SV.<pid>.<tid>.<n>" (hidden:
+// "<dir>/.<name>.SV.<pid>.<tid>.<n>"). It is always a new file: a name
+// planted by someone else, link or not, is passed by. -1 with errno on failure.
+int createTemporary(const char* path, bool hidden, std::string& temp) {
+    std::string prefix = path;
+    if (hidden) {
+        size_t slash = prefix.rfind('/');
+        prefix.insert(slash == std::string::npos ? 0 : slash + 1, ".");
+    }
+    prefix += ".SV." + std::to_string(getpid()) + "." + std::to_string(syscall(SYS_gettid)) + ".";
+    for (int i = 0; i < TEMPORARY_TRIES; i++) {
+        temp = prefix + std::to_string(t_temporaryCount++);
+        int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, FILE_MODE);
+        if (fd < 0 && errno == EEXIST) continue;
+        if (fd < 0) return -1;
+        // The umask must not narrow it.
+        if (fchmod(fd, FILE_MODE) == 0) return fd;
+        int e = errno;
+        close(fd);
+        unlink(temp.c_str());
+        errno = e;
+        return -1;
+    }
+    errno = EEXIST;
+    return -1;
+}
+
+// Brings what was written to disk and closes fd; 0 or an errno value.
+int syncAndClose(int fd) {
+    int rc = fsync(fd) == 0 ? 0 : failure();
+    if (close(fd) != 0 && rc == 0) rc = failure();
+    return rc;
+}
+
+// Writes all bytes, then syncAndClose.
+int fillAndClose(int fd, const char* bytes, size_t length) {
+    errno = 0;
+    if (writeFully(fd, bytes, length) == static_cast<ssize_t>(length)) return syncAndClose(fd);
+    int rc = failure();
+    close(fd);
+    return rc;
+}
+
+// Brings the directory holding path to disk, with the entries just made in it.
+int syncDirectoryOf(const char* path) {
+    const char* slash = strrchr(path, '/');
+    std::string dir = slash ? std::string(path, slash == path ? 1 : slash - path) : ".";
+    int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return failure();
+    // Some file systems cannot sync a directory and say so with EINVAL.
+    int rc = fsync(fd) == 0 || errno == EINVAL ? 0 : failure();
+    close(fd);
+    return rc;
 }
 
 // Reads an open file whole into a malloc'd buffer with 4 spare bytes.
@@ -83,18 +136,32 @@ int slurpFd(int fd, char** out, size_t* length) {
     return 0;
 }
 
-bool atomicWrite(const char* dir, const char* name, const char* bytes, size_t length) {
+// Copies size bytes; false when the source gave fewer (it shrank) or a write failed.
+bool copyBytes(int from, int to, off_t size) {
+    char* buf = static_cast<char*>(::malloc(COPY_BUFFER));
+    bool ok = buf != nullptr;
+    for (off_t remaining = size; ok && remaining > 0;) {
+        size_t want = remaining < static_cast<off_t>(COPY_BUFFER) ? static_cast<size_t>(remaining) : COPY_BUFFER;
+        ok = readFully(from, buf, want) == static_cast<ssize_t>(want) &&
+             writeFully(to, buf, want) == static_cast<ssize_t>(want);
+        remaining -= static_cast<off_t>(want);
+    }
+    ::free(buf);
+    return ok;
+}
+
+bool atomicWrite(const char* dir, const char* name, const void* bytes, size_t length, bool syncDirectory) {
     Path path(dir, name);
-    std::string temp = std::string(path) + ".SV." + std::to_string(getpid());
-    int fd = open(temp.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_SYNC, FILE_MODE);
+    std::string temp;
+    int fd = path.p ? createTemporary(path, false, temp) : -1;
     if (fd < 0) return false;
-    writeFully(fd, bytes, length);
-    close(fd);
-    chmod(temp.c_str(), FILE_MODE);
-    mvFile(temp.c_str(), path);
-    struct stat st;
-    if (lstat(temp.c_str(), &st) == 0) unlink(temp.c_str());
-    return true;
+    if (!bytes) length = 0;
+    // A failed rename leaves the file alone: the old content is still good.
+    if (fillAndClose(fd, static_cast<const char*>(bytes), length) != 0 || rename(temp.c_str(), path) != 0) {
+        unlink(temp.c_str());
+        return false;
+    }
+    return !syncDirectory || syncDirectoryOf(path) == 0;
 }
 }  // namespace
 
@@ -115,7 +182,7 @@ char* readTxt(const char* dir, const char* name) {
     Path path(dir, name);
     struct stat st;
     if (!path.p || stat(path, &st) != 0 || S_ISDIR(st.st_mode)) return EMPTY_TEXT;
-    int fd = open(path, O_RDONLY);
+    int fd = open(path, O_RDONLY | O_CLOEXEC);
     if (fd < 0) return EMPTY_TEXT;
     char* buf = nullptr;
     size_t length = 0;
@@ -144,17 +211,33 @@ char* readTrimmed(const char* dir, const char* name) {
 
 bool writeTxt(const char* dir, const char* name, const char* text) {
     if (!text) text = "";
-    return atomicWrite(dir, name, text, strlen(text));
+    return atomicWrite(dir, name, text, strlen(text), false);
 }
 
 bool writeData(const char* dir, const char* name, const void* bytes, size_t length) {
-    if (!bytes) length = 0;
-    return atomicWrite(dir, name, static_cast<const char*>(bytes), length);
+    return atomicWrite(dir, name, bytes, length, false);
+}
+
+bool writeDataSynced(const char* dir, const char* name, const void* bytes, size_t length) {
+    return atomicWrite(dir, name, bytes, length, true);
+}
+
+int createDataSynced(const char* dir, const char* name, const void* bytes, size_t length) {
+    Path path(dir, name);
+    if (!path.p) return ENOMEM;
+    std::string temp;
+    int fd = createTemporary(path, true, temp);
+    if (fd < 0) return failure();
+    int rc = fillAndClose(fd, static_cast<const char*>(bytes), bytes ? length : 0);
+    // Unlike rename, link never replaces: a taken name fails with EEXIST.
+    if (rc == 0 && link(temp.c_str(), path) != 0) rc = failure();
+    unlink(temp.c_str());
+    return rc != 0 ? rc : syncDirectoryOf(path);
 }
 
 bool appendLogNoSync(const char* dir, const char* name, const void* bytes, size_t length) {
     Path path(dir, name);
-    int fd = open(path, O_WRONLY | O_APPEND | O_CREAT, FILE_MODE);
+    int fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, FILE_MODE);
     if (fd < 0) {
         logSysError("appendLogNoSync failed");
         return false;
@@ -166,7 +249,7 @@ bool appendLogNoSync(const char* dir, const char* name, const void* bytes, size_
 }
 
 int appendFile(const char* source, const char* destination) {
-    int fd = source ? open(source, O_RDONLY) : -1;
+    int fd = source ? open(source, O_RDONLY | O_CLOEXEC) : -1;
     if (fd < 0) return 1;
     char* buf = nullptr;
     size_t length = 0;
@@ -186,7 +269,7 @@ int appendFile(const char* source, const char* destination) {
 }
 
 void writeLine(const char* line, const char* path) {
-    FILE* f = path ? fopen(path, "a+") : nullptr;
+    FILE* f = path ? fopen(path, "a+e") : nullptr;
     if (!f) {
         logSysError("Warning:  writeLine failed (directory gone?)");
         return;
@@ -200,9 +283,15 @@ void writeLine(const char* line, const char* path) {
 
 int mvFile(const char* source, const char* destination) {
     if (rename(source, destination) == 0) return 0;
-    unlink(destination);
-    if (rename(source, destination) == 0) return 0;
-    return shellTwo("mv -f", source, destination);
+    struct stat st;
+    if (lstat(source, &st) != 0) return -1;
+    // -T: a directory in the way is refused, never entered.
+    char* qs = shellQuote(source);
+    char* qd = shellQuote(destination);
+    std::string cmd = std::string("mv -fT -- ") + qs + " " + qd;
+    ::free(qs);
+    ::free(qd);
+    return system(cmd.c_str());
 }
 
 int mvFile(const char* sdir, const char* sname, const char* ddir, const char* dname) {
@@ -212,39 +301,19 @@ int mvFile(const char* sdir, const char* sname, const char* ddir, const char* dn
 
 int cpFile(const char* source, const char* destination) {
     struct stat ss, ds;
-    // Opening the destination truncates it: never copy a file onto itself.
     if (stat(source, &ss) == 0 && stat(destination, &ds) == 0 && ss.st_dev == ds.st_dev && ss.st_ino == ds.st_ino)
         return 1;
-    bool ok = false;
-    int dfd = -1;
-    char* buf = nullptr;
-    // Read-write on purpose: a source we may not write is left to the shell copy.
-    int sfd = open(source, O_RDWR, FILE_MODE);
-    if (sfd >= 0) {
-        dfd = open(destination, O_WRONLY | O_CREAT | O_TRUNC, FILE_MODE);
-        if (dfd >= 0) flock(dfd, LOCK_EX);
+    int sfd = open(source, O_RDONLY | O_CLOEXEC);
+    if (sfd < 0) return 1;
+    std::string temp;
+    int dfd = fstat(sfd, &ss) == 0 && S_ISREG(ss.st_mode) ? createTemporary(destination, false, temp) : -1;
+    bool ok = dfd >= 0 && copyBytes(sfd, dfd, ss.st_size);
+    if (dfd >= 0 && (syncAndClose(dfd) != 0 || !ok || rename(temp.c_str(), destination) != 0)) {
+        unlink(temp.c_str());
+        ok = false;
     }
-    if (sfd >= 0 && dfd >= 0 && fstat(sfd, &ss) == 0 && (buf = static_cast<char*>(::malloc(COPY_BUFFER)))) {
-        ok = true;
-        off_t remaining = ss.st_size;
-        while (ok && remaining > 0) {
-            size_t want = remaining < static_cast<off_t>(COPY_BUFFER) ? static_cast<size_t>(remaining) : COPY_BUFFER;
-            ssize_t got = readFully(sfd, buf, want);
-            if (got != static_cast<ssize_t>(want)) ok = false;
-            else if (writeFully(dfd, buf, want) != static_cast<ssize_t>(want)) ok = false;
-            remaining -= static_cast<off_t>(want);
-        }
-        if (fsync(dfd) != 0 && errno != EINVAL) ok = false;
-    }
-    if (dfd >= 0) close(dfd);
-    if (sfd >= 0) close(sfd);
-    ::free(buf);
-    if (ok) {
-        chmod(destination, FILE_MODE);
-        return 0;
-    }
-    unlink(destination);
-    return shellTwo("cp -f", source, destination) != 0 ? 1 : 0;
+    close(sfd);
+    return ok ? 0 : 1;
 }
 
 int cpFile(const char* sdir, const char* sname, const char* ddir, const char* dname) {
@@ -354,24 +423,6 @@ char** listDir(const char* dir, int* count, Memory* memory) {
         p += len;
     }
     *count = n;
-    return names;
-}
-
-char** listDirC(const char* dir, int* count, Memory* memory) {
-    *count = 0;
-    char listing[64];
-    snprintf(listing, sizeof listing, "/tmp/LL.%u.txt", static_cast<unsigned int>(time(nullptr)));
-    char* quotedDir = shellQuote(dir);
-    std::string cmd = std::string("ls -1 ") + quotedDir + " > " + listing;
-    ::free(quotedDir);
-    int rc = system(cmd.c_str());
-    (void)rc;  // ls fails on a missing directory; the empty listing says so
-    char** names = nullptr;
-    if (nonZeroFile(listing, "")) {
-        char* text = readTrimmed(listing, "");
-        names = *text ? split(text, '\n', count, memory) : nullptr;
-    }
-    unlink(listing);
     return names;
 }
 

@@ -17,16 +17,30 @@ char* makePath(const char* dir, const char* name);
 char* readTxt(const char* dir, const char* name);
 // readTxt copied into the InternalCache and trimmed (never null, never to be freed).
 char* readTrimmed(const char* dir, const char* name);
-// Atomic replace through "<path>.SV.<pid>"; true when the temporary was created.
+// Atomic replace: the content is written to a new temporary beside the file
+// ("<path>.SV.<pid>.<tid>.<n>", never an existing file or link), brought to
+// disk and renamed over the file. True only when the file was wholly
+// replaced; otherwise the old file stays as it was and no temporary is left.
 bool writeTxt(const char* dir, const char* name, const char* text);
 bool writeData(const char* dir, const char* name, const void* bytes, size_t length);
+// writeData, and the directory entry is on disk too before it returns true.
+bool writeDataSynced(const char* dir, const char* name, const void* bytes, size_t length);
+// Stores the bytes as a new file that never replaces an existing one. It
+// appears under its name only complete and on disk; until then it is a
+// temporary whose name starts with "." beside it. Returns 0, EEXIST when the
+// name is taken, or another errno value.
+int createDataSynced(const char* dir, const char* name, const void* bytes, size_t length);
 bool appendLogNoSync(const char* dir, const char* name, const void* bytes, size_t length);
 int appendFile(const char* source, const char* destination);
 // Appends line + "\n" under an exclusive file lock.
 void writeLine(const char* line, const char* path);
 
+// Rename; where that fails with the source still there (another file
+// system), "mv -fT". 0, or non-zero with the destination as it was.
 int mvFile(const char* source, const char* destination);
 int mvFile(const char* sdir, const char* sname, const char* ddir, const char* dname);
+// Copies a regular file through a temporary as writeData does, mode 0664.
+// 0, or 1 with the destination as it was (also for a copy onto itself).
 int cpFile(const char* source, const char* destination);
 int cpFile(const char* sdir, const char* sname, const char* ddir, const char* dname);
 int rmFile(const char* dir, const char* name);
@@ -44,6 +58,4 @@ char* shellQuote(const char* text);
 namespace Util {
 // Sorted names (no "." and ".."), in the arena or the ring.
 char** listDir(const char* dir, int* count, Memory* memory);
-// Names as "ls -1" gives them.
-char** listDirC(const char* dir, int* count, Memory* memory);
 }

@@ -62,11 +62,12 @@ TEST(ListenerTimeout, StalledClientsAreCutOffAfterAMinute) {
         EXPECT_GE(s->seconds, 59.0);  // not before the minute is up
     }
     EXPECT_EQ(silent.answer, "");
-    // A frame without its end byte is stored and refused.
+    // A frame without its end byte is refused and kept among the rejected.
     EXPECT_EQ(halfFrame.answer.compare(0, 28, "\x0bMSH|^~\\&|PDF||GE|ViewPoint|"), 0) << halfFrame.answer;
     EXPECT_NE(halfFrame.answer.find("|NACK^T01^NACK|"), std::string::npos) << halfFrame.answer;
     EXPECT_NE(halfFrame.answer.find("\r\nMSA|AE|55||||\x1c\r\n"), std::string::npos) << halfFrame.answer;
-    EXPECT_EQ(slurp(options.hl7Dir + "/" + onlyName(options.hl7Dir)), "MSH|^~\\&|A|B|C|D|20240101||ADT^A01|55|P|2.4");
+    std::string rejected = options.hl7Dir + "/rejected";
+    EXPECT_EQ(slurp(rejected + "/" + onlyName(rejected)), "MSH|^~\\&|A|B|C|D|20240101||ADT^A01|55|P|2.4");
     EXPECT_EQ(halfSharing.answer, "error");
     // Only the client that sent nothing is a failed receive.
     std::string log = slurp(options.errorLog);

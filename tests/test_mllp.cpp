@@ -4,9 +4,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <random>
 #include <regex>
+#include <set>
+#include <thread>
 #include <vector>
 
 #include "listenerClient.h"
@@ -30,10 +33,20 @@ bool isAnswer(const std::string& answer, bool accepted, const std::string& contr
            std::regex_match(answer.substr(0, answer.size() - tail.size()), shape);
 }
 
-// The names in the directory that start with the prefix, sorted.
+// The answers in what came back, each up to its 0x1C CR LF.
+std::vector<std::string> splitAnswers(const std::string& bytes) {
+    std::vector<std::string> answers;
+    for (size_t from = 0, end; (end = bytes.find("\x1c\r\n", from)) != std::string::npos; from = end + 3)
+        answers.push_back(bytes.substr(from, end + 3 - from));
+    return answers;
+}
+
+// The names in the directory (none when it is missing) that start with the
+// prefix, sorted.
 std::vector<std::string> listDir(const std::string& dir, const std::string& prefix = "") {
     std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(dir))
+    std::error_code missing;
+    for (const auto& entry : std::filesystem::directory_iterator(dir, missing))
         if (entry.path().filename().string().rfind(prefix, 0) == 0) names.push_back(entry.path().filename());
     std::sort(names.begin(), names.end());
     return names;
@@ -43,13 +56,22 @@ std::vector<std::string> listDir(const std::string& dir, const std::string& pref
 struct Hl7Listener {
     TempDir tmp;
     std::string hl7 = tmp.file("HL7");
-    ListenerProcess listener{tmp.path(), {hl7}};
-    int port = listener.port();
+    ListenerProcess listener;
+    int port;
+
+    explicit Hl7Listener(long fileSizeLimit = 0) : listener(tmp.path(), options(fileSizeLimit)), port(listener.port()) {}
+
+    ListenerOptions options(long fileSizeLimit) const {
+        ListenerOptions o(hl7);
+        o.fileSizeLimit = fileSizeLimit;
+        return o;
+    }
 
     // The one file stored for the control ID prefix, "" when not exactly one.
-    std::string stored(const std::string& prefix) {
-        std::vector<std::string> names = listDir(hl7, prefix);
-        return names.size() == 1 ? slurp(hl7 + "/" + names[0]) : "";
+    std::string stored(const std::string& prefix, const std::string& folder = "") {
+        std::string dir = folder.empty() ? hl7 : hl7 + "/" + folder;
+        std::vector<std::string> names = listDir(dir, prefix);
+        return names.size() == 1 ? slurp(dir + "/" + names[0]) : "";
     }
 };
 
@@ -79,6 +101,41 @@ TEST(Mllp, AcceptedMessagesAreAcknowledgedAndStored) {
     ASSERT_TRUE(sendAll(fd, bytes.substr(10)));
     EXPECT_TRUE(isAnswer(readAll(fd), true, "BIG1"));
     EXPECT_EQ(l.stored("BIG1."), message);
+
+    // Frames sent together are each stored and answered on their own, in
+    // order; a trailing partial frame is not answered.
+    std::vector<std::string> answers = splitAnswers(talk(
+        l.port, frame(msh("TWO1") + "\rPID|1") + frame(msh("TWO2") + "\rPID|2") + "\x0b" + msh("TWO3"), true));
+    ASSERT_EQ(answers.size(), 2u);
+    EXPECT_TRUE(isAnswer(answers[0], true, "TWO1")) << answers[0];
+    EXPECT_TRUE(isAnswer(answers[1], true, "TWO2")) << answers[1];
+    EXPECT_EQ(l.stored("TWO1."), msh("TWO1") + "\rPID|1");
+    EXPECT_EQ(l.stored("TWO2."), msh("TWO2") + "\rPID|2");
+    EXPECT_EQ(listDir(l.hl7).size(), 4u);
+}
+
+TEST(Mllp, MessagesSharingAControlIdAreAllKept) {
+    Hl7Listener l;
+    const int clients = 3, each = 400;
+    std::atomic<int> refused{0};
+    std::vector<std::thread> threads;
+    for (int c = 0; c < clients; c++)
+        threads.emplace_back([&, c] {
+            for (int i = 0; i < each; i++) {
+                std::string answer = talk(l.port, frame(msh("SAME") + "\rPID|" + std::to_string(c * each + i) + "\r"));
+                if (answer.find("\nMSA|AA|SAME||||\x1c") == std::string::npos) ++refused;
+            }
+        });
+    for (std::thread& t : threads) t.join();
+    EXPECT_EQ(refused, 0);
+    std::vector<std::string> names = listDir(l.hl7);
+    ASSERT_EQ(names.size(), static_cast<size_t>(clients * each));
+    std::set<std::string> contents;
+    for (const std::string& name : names) {
+        EXPECT_TRUE(std::regex_match(name, std::regex(R"(SAME\.\d+\.hl7)"))) << name;
+        contents.insert(slurp(l.hl7 + "/" + name));
+    }
+    EXPECT_EQ(contents.size(), names.size());
 }
 
 TEST(Mllp, RejectionsCarryTheirControlId) {
@@ -97,30 +154,45 @@ TEST(Mllp, RejectionsCarryTheirControlId) {
     for (const Case& c : cases) {
         std::string answer = talk(l.port, c.bytes, c.endSending);
         EXPECT_TRUE(isAnswer(answer, false, c.controlId)) << answer;
-        EXPECT_EQ(l.stored(std::string(c.controlId) + "."), c.stored) << c.controlId;
+        EXPECT_EQ(l.stored(std::string(c.controlId) + ".", "rejected"), c.stored) << c.controlId;
     }
-    EXPECT_EQ(listDir(l.hl7).size(), 2u);
+    // The inbound reader never sees them.
+    EXPECT_EQ(listDir(l.hl7), (std::vector<std::string>{"rejected"}));
+    EXPECT_EQ(listDir(l.hl7 + "/rejected").size(), 2u);
 }
 
-TEST(Mllp, WithoutAnInboundDirectoryNothingIsStored) {
+TEST(Mllp, MessagesNotStoredAreRefused) {
     // The HL7 cache may be the outbound directory: inbound messages never go there.
     TempDir tmp;
     ListenerOptions options;
     options.hl7Cache = tmp.file("cache");
     ListenerProcess l(tmp.path(), options);
-    EXPECT_TRUE(isAnswer(talk(l.port(), frame(msh("321") + "\r")), true, "321"));
+    EXPECT_TRUE(isAnswer(talk(l.port(), frame(msh("321") + "\r")), false, "321"));
     EXPECT_TRUE(isAnswer(talk(l.port(), frame("MSH|a|b\r")), false, "ERROR"));
     EXPECT_TRUE(listDir(options.hl7Cache).empty());
     EXPECT_EQ(listDir(tmp.path()), (std::vector<std::string>{"APIport.txt", "cache"}));
+
+    // A full disk: the message that does not fit is refused and leaves nothing.
+    Hl7Listener full(4096);
+    EXPECT_TRUE(isAnswer(talk(full.port, frame(msh("LARGE") + "\r" + std::string(8990, 'x'))), false, "LARGE"));
+    EXPECT_TRUE(isAnswer(talk(full.port, frame(msh("SMALL") + "\r")), true, "SMALL"));
+    EXPECT_EQ(full.stored("SMALL."), msh("SMALL"));
+    EXPECT_TRUE(listDir(full.hl7, "LARGE").empty());
+    EXPECT_TRUE(listDir(full.hl7, ".").empty());
 }
 
-TEST(Mllp, HostileControlIdsStayInsideTheDirectory) {
+TEST(Mllp, HostileControlIdsStayInsideTheDirectoryAndOutOfTheFraming) {
     Hl7Listener l;
     const std::vector<std::string> ids = {"../../escape", "a/b/c", "..", ".", "/etc/passwd", "$(touch PWNED)",
                                           "`touch PWNED`", "x'y\"z;touch PWNED", "sp ace\\tab\t*?", "",
-                                          std::string(300, 'z')};
-    for (const std::string& id : ids)
-        EXPECT_TRUE(isAnswer(talk(l.port, frame(msh(id) + "\r")), true, id)) << id;
+                                          std::string(300, 'z'), "in\x1cject", "\x0b" "cr\rlf\n\x01" "del\x7f\xc3\xa9"};
+    for (const std::string& id : ids) {
+        // Echoed without control bytes.
+        std::string echo;
+        std::copy_if(id.begin(), id.end(), std::back_inserter(echo),
+                     [](char c) { return static_cast<unsigned char>(c) >= 0x20 && c != 0x7f; });
+        EXPECT_TRUE(isAnswer(talk(l.port, frame(msh(id) + "\r")), true, echo)) << id;
+    }
     std::vector<std::string> names = listDir(l.hl7);
     EXPECT_EQ(names.size(), ids.size());
     for (const std::string& name : names) EXPECT_NE(name[0], '.') << name;

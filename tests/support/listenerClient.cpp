@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -71,6 +72,12 @@ ListenerProcess::ListenerProcess(const std::string& data, const ListenerOptions&
         if (chdir(data.c_str()) != 0) _exit(4);
         if (!options.errorLog.empty() && !freopen(options.errorLog.c_str(), "a", stderr)) _exit(5);
         setvbuf(stderr, nullptr, _IONBF, 0);
+        if (options.fileSizeLimit > 0) {
+            // Writes then stop short with EFBIG instead of killing it.
+            signal(SIGXFSZ, SIG_IGN);
+            rlimit limit{static_cast<rlim_t>(options.fileSizeLimit), static_cast<rlim_t>(options.fileSizeLimit)};
+            if (setrlimit(RLIMIT_FSIZE, &limit) != 0) _exit(6);
+        }
         snprintf(dataDir, sizeof dataDir, "%s", data.c_str());
         snprintf(HL7_inputDir, sizeof HL7_inputDir, "%s", options.hl7Dir.c_str());
         snprintf(viewpointDir, sizeof viewpointDir, "%s", options.exportDir.c_str());

@@ -31,6 +31,7 @@ struct ListenerOptions {
     std::string exportDir;  // the export directory (made), none when empty
     std::string hl7Cache;   // the HL7 cache directory (made), none when empty
     std::string errorLog;   // where its standard error goes, inherited when empty
+    long fileSizeLimit = 0;  // largest file it may write (a full disk), none when 0
 };
 
 // Serves the data directory (also its working directory) until the object
