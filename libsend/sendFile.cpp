@@ -175,6 +175,13 @@ void SendFile::shuffleDests() {
     std::rotate(ports, ports + r, ports + hostCount);
 }
 
+void SendFile::rotatePastFirst() {
+    if (hostCount < 2) return;
+    int r = 1 + (int)(random64() % (uint64_t)(hostCount - 1));
+    std::rotate(hosts, hosts + r, hosts + hostCount);
+    std::rotate(ports, ports + r, ports + hostCount);
+}
+
 void SendFile::loadDests() {
     std::string port = readTrimmed(dataDir, "port.txt");
     if (port.empty()) port = DEFAULT_PORT;
@@ -230,7 +237,8 @@ bool SendFile::connectSession() {
             return false;
         }
         if (attempt == 2) break;
-        shuffleDests();
+        // The server that just failed is not tried again straight away.
+        rotatePastFirst();
         ai.init(hostCount, hosts, ports, true, false, false);
         if (!ai.result) {
             shutdown("AddrInfo failed - check connectivity", true);

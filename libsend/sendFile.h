@@ -54,6 +54,9 @@ public:
     void addDest(const char* host, const char* port, const char* defaultHostPort);
     // Rotates the list at a random point (file order kept, start random).
     void shuffleDests();
+    // The same at a point other than the start: with two or more
+    // destinations another one comes first (after a failed connect).
+    void rotatePastFirst();
     // "port.txt" (default "443"), "hosts.txt" (refreshed from the service when
     // empty, then RECEIVER_HOST), rotated at a random start.
     void loadDests();

@@ -41,6 +41,10 @@ TEST(Destinations, RotationKeepsFileOrder) {
         starts.insert(s.hosts[0]);
         s.shuffleDests();
         ASSERT_TRUE(isRotation(s, order));
+        std::string first = s.hosts[0];
+        s.rotatePastFirst();
+        ASSERT_TRUE(isRotation(s, order));
+        ASSERT_NE(s.hosts[0], first);
     }
     EXPECT_EQ(starts.size(), 3u);  // every line gets to be first
 
@@ -141,6 +145,18 @@ TEST_F(Refresh, UnreachableEndsWithReceiverOrDefaultHost) {
     spit(data.file("hosts.txt"), "");
     EXPECT_EQ(SendFile::sendIpsCommand(dir(), false, true), 1);
     EXPECT_EQ(slurp(data.file("hosts.txt")), "127.0.0.1");
+}
+
+TEST_F(Refresh, ConnectFailsOverToTheLiveServer) {
+    // Nothing listens on 127.0.0.2: every command must still reach 127.0.0.1.
+    spit(data.file("hosts.txt"), "127.0.0.2\n127.0.0.1");
+    int failed = 0;
+    for (int i = 0; i < 100; ++i) {
+        int status = 1;
+        SendFile::sendLogMsg(dir(), status, "hello", false, true);
+        failed += status != 0;
+    }
+    EXPECT_EQ(failed, 0);
 }
 
 }  // namespace
