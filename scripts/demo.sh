@@ -40,8 +40,11 @@ printf 'demo-box' >"$demo/name.txt"
 ls "$data"
 
 api_port="$(free_port)"
-step "starting hubTalk: -d $data -f name.txt -V $export_dir -p $api_port -s 6 -l -v"
-./build/hubTalk/hubTalk -d "$data" -f "$demo/name.txt" -V "$export_dir" -p "$api_port" -s 6 -l -v \
+hl7_in="$demo/hl7-in"
+mkdir -p "$demo/hl7-out" "$hl7_in"
+step "starting hubTalk: -d $data -f name.txt -V $export_dir -H hl7-out|hl7-in -p $api_port -s 6 -l -v"
+./build/hubTalk/hubTalk -d "$data" -f "$demo/name.txt" -V "$export_dir" -H "$demo/hl7-out|$hl7_in" \
+    -p "$api_port" -s 6 -l -v \
     >"$demo/agent.out" 2>"$demo/agent.err" &
 pids="$pids $!"
 
@@ -71,7 +74,8 @@ step "HL7 message over MLLP to port $api_port"
 printf 'MSH|^~\\&|RIS|CLINIC|HUBTALK|CLINIC|20261122120000||ORU^R01|DEMO0001|P|2.3\nPID|1||12345||DOE^JANE\nOBR|1|||US^Ultrasound\n' \
     >"$demo/message.hl7"
 mllp_send --loose -f "$demo/message.hl7" -p "$api_port" 127.0.0.1 | tr '\r' '\n' | sed 's/^/   ack: /'
-echo "   (no EMR interface is configured here, so the message is acknowledged and not kept)"
+echo "   (AA: stored in the inbound HL7 directory before the answer went out)"
+ls "$hl7_in" | sed 's/^/   stored: /'
 
 step "waiting for the next heartbeat"
 n="$(grep -c '^heartbeat|' "$svc/commands.log")"
