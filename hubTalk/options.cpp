@@ -4,13 +4,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <climits>
-#include <string>
-#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "files.h"
 #include "settings.h"
@@ -79,15 +79,10 @@ bool locateProgram(const char* argv0) {
     }
     if (prefix.size() >= sizeof PREFIX) return false;
     memcpy(PREFIX, prefix.c_str(), prefix.size() + 1);
-    size_t n = prefix.size();
-    for (size_t i = n; i-- > 0;) {
-        if (PREFIX[i] == '/' || PREFIX[i] == '\\') {
-            snprintf(PROCESS_DIR, sizeof PROCESS_DIR, "%.*s", static_cast<int>(i), PREFIX);
-            PRE = PREFIX + i + 1;
-            return true;
-        }
-    }
-    PRE = PREFIX;
+    // The text before "hubTalk" in the file name is PRE, the directory before it PROCESS_DIR.
+    size_t preAt = prefix.size() - static_cast<size_t>(at - base);
+    PRE = PREFIX + preAt;
+    if (preAt > 0) snprintf(PROCESS_DIR, sizeof PROCESS_DIR, "%.*s", static_cast<int>(preAt - 1), PREFIX);
     return true;
 }
 

@@ -19,7 +19,7 @@ void markRegistrationPending(const char* dir) { writeTxt(dir, PENDING, "init"); 
 
 bool registrationPending(const char* dir) { return fileExists(dir, PENDING); }
 
-bool registerBox(const char* dir) {
+void registerBox(const char* dir) {
     SendFile::sendIpsCommand(dir, VERBOSE, QUIET);
     int rc = 0;
     char* reply = SendFile::sendInitCommand(dir, rc, nullptr, VERBOSE, QUIET);
@@ -35,11 +35,9 @@ bool registerBox(const char* dir) {
         writeTxt(dir, "storescpVer.txt", version);
         writeTxt(dir, "dicomDicVer.txt", version);
     }
-    bool answered = *trim(kept) != '\0';
-    if (answered) {
+    if (*trim(kept)) {
         rmFile(dir, PENDING);
         processResults(dir, kept);
     }
     free(kept);
-    return answered;
 }

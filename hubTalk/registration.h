@@ -9,5 +9,5 @@ bool registrationPending(const char* dataDir);
 
 // Refreshes the server list, sends "init", records the installed versions on
 // a first registration, and applies the reply. An answered "init" removes the
-// mark; returns whether it was answered.
-bool registerBox(const char* dataDir);
+// mark.
+void registerBox(const char* dataDir);

@@ -29,6 +29,7 @@ std::string versionOrZero(const std::string& text);
 bool isNewerVersion(const char* offered, const char* installed);
 
 // Dictionary, then receiver, then program; a failed download or move ends
-// the check. Returns at once while another update is under way. After the program was replaced: sleeps 1 s and exits with
-// status 1, so that the supervising parent starts the new one.
+// the check. Returns at once while another update is under way. After the
+// program was replaced: sleeps 1 s and exits with status 1, so that the
+// supervising parent starts the new one.
 void runSelfUpdate(const char* dataDir, const OfferedVersions& offered);

@@ -17,6 +17,7 @@
 
 #include "exception.h"
 #include "files.h"
+#include "process.h"
 
 namespace {
 
@@ -29,17 +30,6 @@ volatile pid_t supervisedChild = 0;
 void onStop(int) {
     stopRequested = 1;
     if (supervisedChild > 0) kill(supervisedChild, SIGTERM);
-}
-
-double now() {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
-}
-
-void pauseMs(long ms) {
-    timespec ts{ms / 1000, (ms % 1000) * 1000000};
-    nanosleep(&ts, nullptr);
 }
 
 // The program file as an absolute path: argv[0] joined to the starting
@@ -83,23 +73,14 @@ void becomeWorker(const char* dir) {
 // Waits for the worker; once a stop was asked for, for STOP_GRACE_S at most
 // before killing it.
 int waitWorker(pid_t pid) {
-    double killAt = 0;
-    for (;;) {
-        int status = 0;
-        pid_t r = waitpid(pid, &status, stopRequested ? WNOHANG : 0);
-        if (r == pid) return status;
-        if (r < 0 && errno != EINTR) return 0;
+    int status = 0;
+    while (waitpid(pid, &status, 0) != pid) {
+        if (errno != EINTR) return 0;
         if (!stopRequested) continue;
-        if (killAt == 0) killAt = now() + STOP_GRACE_S;
-        if (now() >= killAt) kill(pid, SIGKILL);
-        pauseMs(20);
+        if (waitChildFor(pid, STOP_GRACE_S, &status) != ChildWait::Running) return status;
+        kill(pid, SIGKILL);
     }
-}
-
-// Sleeps the restart pause; a stop request ends it early.
-void restartPause(int seconds) {
-    double until = now() + seconds;
-    while (!stopRequested && now() < until) pauseMs(50);
+    return status;
 }
 
 void startNewProgram() {
@@ -143,7 +124,7 @@ void daemonInit(const char* dir, bool daemonize) {
         }
         supervisedChild = pid;
         if (stopRequested) kill(pid, SIGTERM);
-        double started = now();
+        double started = monotonicSeconds();
         int status = waitWorker(pid);
         supervisedChild = 0;
         if (stopRequested) exit(0);
@@ -151,13 +132,15 @@ void daemonInit(const char* dir, bool daemonize) {
             rmFile(dir, "SHUTDOWN.txt");
             exit(0);
         }
-        if (now() - started < QUICK_EXIT_S)
+        if (monotonicSeconds() - started < QUICK_EXIT_S)
             delay = delay ? std::min(delay * 2, RESTART_DELAY_MOST_S) : 1;
         else
             delay = 0;
         if (programReplaced()) startNewProgram();  // returns only when that failed
         errno = 0;
         logSysError("Restarting process");
-        restartPause(delay);
+        // A stop signal cuts the pause short; the loop's top then ends the parent.
+        timespec pause{delay, 0};
+        nanosleep(&pause, nullptr);
     }
 }

@@ -15,18 +15,32 @@ namespace {
 const long POLL_FIRST_NS = 1000000;   // 1 ms: most companions end quickly
 const long POLL_MOST_NS = 50000000;   // 50 ms
 
-double now() {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
-}
-
 int statusOf(int status) {
     if (WIFEXITED(status)) return WEXITSTATUS(status);
     return RUN_KILLED;
 }
 
 }  // namespace
+
+double monotonicSeconds() {
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
+}
+
+ChildWait waitChildFor(pid_t pid, double seconds, int* status) {
+    double deadline = monotonicSeconds() + seconds;
+    long pause = POLL_FIRST_NS;
+    for (;;) {
+        pid_t r = waitpid(pid, status, WNOHANG);
+        if (r == pid) return ChildWait::Ended;
+        if (r < 0 && errno != EINTR) return ChildWait::Failed;
+        if (monotonicSeconds() >= deadline) return ChildWait::Running;
+        timespec ts{0, pause};
+        nanosleep(&ts, nullptr);
+        pause = pause * 2 < POLL_MOST_NS ? pause * 2 : POLL_MOST_NS;
+    }
+}
 
 int runBounded(const char* command, unsigned seconds) {
     posix_spawnattr_t attr;
@@ -46,20 +60,13 @@ int runBounded(const char* command, unsigned seconds) {
     posix_spawnattr_destroy(&attr);
     if (rc != 0) return RUN_NOT_STARTED;
 
-    double deadline = now() + seconds;
-    long pause = POLL_FIRST_NS;
-    for (;;) {
-        int status = 0;
-        pid_t r = waitpid(pid, &status, WNOHANG);
-        if (r == pid) return statusOf(status);
-        if (r < 0 && errno != EINTR) return RUN_NOT_STARTED;
-        if (now() >= deadline) break;
-        timespec ts{0, pause};
-        nanosleep(&ts, nullptr);
-        pause = pause * 2 < POLL_MOST_NS ? pause * 2 : POLL_MOST_NS;
+    int status = 0;
+    switch (waitChildFor(pid, seconds, &status)) {
+        case ChildWait::Ended: return statusOf(status);
+        case ChildWait::Failed: return RUN_NOT_STARTED;
+        case ChildWait::Running: break;
     }
     kill(-pid, SIGKILL);
-    int status = 0;
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
     return RUN_TIMED_OUT;

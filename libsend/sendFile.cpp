@@ -168,18 +168,17 @@ void SendFile::addDest(const char* host, const char* port, const char* defaultHo
     appendDest(host, strcmp(host, RECEIVER_HOST) == 0 ? defaultHostPort : port);
 }
 
-void SendFile::shuffleDests() {
-    if (hostCount < 1) return;
-    int r = (int)(random64() % (uint64_t)hostCount);
+void SendFile::rotateBy(int r) {
     std::rotate(hosts, hosts + r, hosts + hostCount);
     std::rotate(ports, ports + r, ports + hostCount);
 }
 
+void SendFile::shuffleDests() {
+    if (hostCount > 0) rotateBy((int)(random64() % (uint64_t)hostCount));
+}
+
 void SendFile::rotatePastFirst() {
-    if (hostCount < 2) return;
-    int r = 1 + (int)(random64() % (uint64_t)(hostCount - 1));
-    std::rotate(hosts, hosts + r, hosts + hostCount);
-    std::rotate(ports, ports + r, ports + hostCount);
+    if (hostCount > 1) rotateBy(1 + (int)(random64() % (uint64_t)(hostCount - 1)));
 }
 
 void SendFile::loadDests() {

@@ -176,6 +176,8 @@ public:
 
 private:
     void appendDest(const char* host, const char* port);
+    // Moves the first r destinations to the end.
+    void rotateBy(int r);
     // The data session keyed with gtk(), handshake done under a 60 s alarm.
     // Null when the handshake failed: the key mismatch is then reported and
     // the session closed.
