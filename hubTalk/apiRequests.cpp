@@ -20,6 +20,7 @@
 #include "processResults.h"
 #include "sendFile.h"
 #include "settings.h"
+#include "stateFiles.h"
 
 namespace {
 
@@ -133,7 +134,7 @@ void handleApiRequest(ListenerConnection& conn, char* first, int n) {
             finish(conn);
             return;
         }
-        writeTxt(dataDir, "SHUTDOWN.txt", "done");
+        writeTxt(dataDir, StateFile::SHUTDOWN, "done");
         conn.send("success");
         conn.close();
         sleep(1);

@@ -21,6 +21,7 @@
 #include "mllp.h"
 #include "morvaAlarms.h"
 #include "settings.h"
+#include "stateFiles.h"
 
 pthread_mutex_t a_mutex = PTHREAD_MUTEX_INITIALIZER;
 
@@ -219,6 +220,6 @@ bool startListener() {
     if (PORT == 0 || NumTcpThreads < 1) return false;
     char port[16];
     snprintf(port, sizeof port, "%d", PORT);
-    writeTxt(dataDir, "APIport.txt", port);
+    writeTxt(dataDir, StateFile::API_PORT, port);
     return startThread(app_proc, nullptr);
 }

@@ -17,6 +17,7 @@
 #include "settings.h"
 #include "startup.h"
 #include "text.h"
+#include "stateFiles.h"
 
 namespace {
 
@@ -38,11 +39,11 @@ unsigned loopSleepSeconds(int period) {
 
 char* heartbeatQuery(const char* dir, const char* internalIp, char* query) {
     query[0] = '\0';
-    std::string hubTalkVer = versionOrZero(readTrimmed(dir, "hubTalkVer.txt"));
-    std::string storescpVer = versionOrZero(readTrimmed(dir, "storescpVer.txt"));
-    std::string dicomDicVer = versionOrZero(readTrimmed(dir, "dicomDicVer.txt"));
-    std::string fqdn = readTrimmed(dir, "hostName.txt");
-    std::string port = readTrimmed(dir, "scpPort.txt");
+    std::string hubTalkVer = versionOrZero(readTrimmed(dir, StateFile::PROGRAM_VERSION));
+    std::string storescpVer = versionOrZero(readTrimmed(dir, StateFile::RECEIVER_VERSION));
+    std::string dicomDicVer = versionOrZero(readTrimmed(dir, StateFile::DICTIONARY_VERSION));
+    std::string fqdn = readTrimmed(dir, StateFile::HOST_NAME);
+    std::string port = readTrimmed(dir, StateFile::SCP_PORT);
     std::string parent = readTrimmed(dir, "CLIENTVP6.txt");
 
     appendf(query, HEARTBEAT_QUERY_SIZE, "version=%.16s-%.16s-%.16s", hubTalkVer.c_str(), storescpVer.c_str(),
@@ -65,13 +66,13 @@ void loopCycle(const char* dir, unsigned (*pause)(unsigned)) {
     if (registrationPending(dir)) registerBox(dir);
     char internalIp[256];
     get_intip(internalIp, sizeof internalIp);
-    writeTxt(dir, "internalIp.txt", internalIp);
+    writeTxt(dir, StateFile::INTERNAL_IP, internalIp);
 
     char query[HEARTBEAT_QUERY_SIZE];
     heartbeatQuery(dir, internalIp, query);
 
     // Only a process whose error stream already goes to its file stays quiet.
-    SendFile::sendIpsCommand(dir, VERBOSE, nonZeroFile(dir, "stderr.bc.txt") ? QUIET : false);
+    SendFile::sendIpsCommand(dir, VERBOSE, nonZeroFile(dir, StateFile::STDERR_LOG) ? QUIET : false);
     unsigned third = loopSleepSeconds(sleepTime);
     pause(third);
 
@@ -83,7 +84,7 @@ void loopCycle(const char* dir, unsigned (*pause)(unsigned)) {
     }
     pause(third);
 
-    std::string failures = readTrimmed(dir, "ErrorFile.txt");
+    std::string failures = readTrimmed(dir, StateFile::COMMAND_FAILURES);
     if (strtol(failures.c_str(), nullptr, 10) > 0) SendFile::sendFailureCommand(dir, VERBOSE, QUIET, 0);
     pause(third);
 }

@@ -15,6 +15,7 @@
 #include "files.h"
 #include "settings.h"
 #include "startup.h"
+#include "stateFiles.h"
 
 const char* const USAGE =
     "hubTalk -d <dataDir>  [ -s loopFreqInSecs ] [ -R receiver-ip ] [ -v ] [ -q ] [ -l ] [ -z ] [ -U ]\n";
@@ -183,8 +184,8 @@ void parseOptions(int argc, char** argv, StartOptions& options) {
                 if (!dataDir[0]) failStart("-R needs the data directory first: give -d before -R\n");
                 // A first start names its servers before the data dir exists.
                 if (!fileExists(dataDir, "")) makeDataDir(dataDir, false);
-                writeTxt(dataDir, "receiver.txt", optarg);
-                writeTxt(dataDir, "hosts.txt", optarg);
+                writeTxt(dataDir, StateFile::RECEIVER, optarg);
+                writeTxt(dataDir, StateFile::SERVERS, optarg);
                 break;
             case 'p': PORT = portOption(optarg); break;
             case 'C': {

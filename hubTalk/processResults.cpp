@@ -14,6 +14,7 @@
 #include "settings.h"
 #include "text.h"
 #include "util.h"
+#include "stateFiles.h"
 
 char applications2[800];
 
@@ -56,9 +57,9 @@ std::string trimmedValue(const KeyValues<char>& table, const char* key, bool* pr
 
 void storeDisplayName(const char* dir, const std::string& name) {
     if (name.empty()) return;
-    std::string stored = readTrimmed(dir, "displayName.txt");
+    std::string stored = readTrimmed(dir, StateFile::DISPLAY_NAME);
     if (stored[0] == '~') stored = Util::decrypt(stored.c_str());
-    if (name != stored) writeTxt(dir, "displayName.txt", Util::encrypt3(name.c_str()));
+    if (name != stored) writeTxt(dir, StateFile::DISPLAY_NAME, Util::encrypt3(name.c_str()));
 }
 
 void applyOptimize(const char* dir, const std::string& c) {
@@ -67,47 +68,47 @@ void applyOptimize(const char* dir, const std::string& c) {
     char second = n > 1 ? c[1] : '\0';
 
     if (first == 'N')
-        createFlag(dir, "noProcessing.txt");
+        createFlag(dir, StateFile::NO_PROCESSING);
     else
-        removeFlag(dir, "noProcessing.txt");
-    if (first == 'O' && !fileExists(dir, "optimizePixel.txt")) {
-        removeFlag(dir, "retainPixel.txt");
-        createFlag(dir, "optimizePixel.txt");
+        removeFlag(dir, StateFile::NO_PROCESSING);
+    if (first == 'O' && !fileExists(dir, StateFile::OPTIMIZE_PIXEL)) {
+        removeFlag(dir, StateFile::RETAIN_PIXEL);
+        createFlag(dir, StateFile::OPTIMIZE_PIXEL);
     }
-    if (first == 'R') createFlag(dir, "retainPixel.txt");
-    if (first == 'D' || first == 'R') removeOwnFlag(dir, "optimizePixel.txt");
-    if (first == 'D' || first == 'O') removeOwnFlag(dir, "retainPixel.txt");
+    if (first == 'R') createFlag(dir, StateFile::RETAIN_PIXEL);
+    if (first == 'D' || first == 'R') removeOwnFlag(dir, StateFile::OPTIMIZE_PIXEL);
+    if (first == 'D' || first == 'O') removeOwnFlag(dir, StateFile::RETAIN_PIXEL);
 
     if (n == 2 && second == 'A') {
-        createFlag(dir, "strict_anon.txt");
-        createFlag(dir, "ANON.txt");
+        createFlag(dir, StateFile::STRICT_ANON);
+        createFlag(dir, StateFile::ANON);
     } else {
-        removeOwnFlag(dir, "strict_anon.txt");
+        removeOwnFlag(dir, StateFile::STRICT_ANON);
     }
     if (n == 3 && second == 'A' && c[2] == 'N') {
-        createFlag(dir, "ANON.txt");
-        if (nonZeroFile(dir, "strict_anon.txt")) writeTxt(dir, "NS.txt", HEARTBEAT);
-    } else if (nonZeroFile(dir, "NS.txt")) {
-        rmFile(dir, "NS.txt");
+        createFlag(dir, StateFile::ANON);
+        if (nonZeroFile(dir, StateFile::STRICT_ANON)) writeTxt(dir, StateFile::NON_STRICT, HEARTBEAT);
+    } else if (nonZeroFile(dir, StateFile::NON_STRICT)) {
+        rmFile(dir, StateFile::NON_STRICT);
     }
-    if ((n >= 2 && second != 'A') || n == 1) removeFlag(dir, "ANON.txt");
+    if ((n >= 2 && second != 'A') || n == 1) removeFlag(dir, StateFile::ANON);
 }
 
 void recomputeFlags(const char* dir, const std::string& c) {
     anonExport = _anonExport;
     pixelProcessing = _pixelProcessing;
     pixelProcessingRetain = _pixelProcessingRetain;
-    if (nonZeroFile(dir, "ANON.txt"))
+    if (nonZeroFile(dir, StateFile::ANON))
         anonExport = true;
     else if (_anonExport && c.size() >= 2 && c[1] == 'Y')
         anonExport = false;
 
-    if (nonZeroFile(dir, "noProcessing.txt")) {
+    if (nonZeroFile(dir, StateFile::NO_PROCESSING)) {
         anonExport = pixelProcessing = pixelProcessingRetain = false;
-    } else if (nonZeroFile(dir, "retainPixel.txt")) {
+    } else if (nonZeroFile(dir, StateFile::RETAIN_PIXEL)) {
         pixelProcessingRetain = true;
         pixelProcessing = false;
-    } else if (nonZeroFile(dir, "optimizePixel.txt")) {
+    } else if (nonZeroFile(dir, StateFile::OPTIMIZE_PIXEL)) {
         pixelProcessing = true;
         pixelProcessingRetain = false;
     }
@@ -120,7 +121,7 @@ void rebuildDescription(const char* dir) {
     applications2[0] = '\0';
     if (anonExport) {
         appendf(applications2, DESCRIPTION_BOUND, ", anonymization for export");
-        bool nonStrict = !nonZeroFile(dir, "strict_anon.txt") || nonZeroFile(dir, "NS.txt");
+        bool nonStrict = !nonZeroFile(dir, StateFile::STRICT_ANON) || nonZeroFile(dir, StateFile::NON_STRICT);
         appendf(applications2, DESCRIPTION_BOUND, "%s", nonStrict ? " (non-strict," : " (strict,");
         appendf(applications2, DESCRIPTION_BOUND, "%s", pixelProcessing ? "optimized)" : "original)");
     } else if (pixelProcessing) {
@@ -156,7 +157,7 @@ int processResults(const char* dir, const char* reply) {
         storeDisplayName(dir, trimmedValue(table, "display_name"));
 
         std::string account = trimmedValue(table, "acct");
-        if (EMR_INTF != EMR_NONE && !account.empty()) writeTxt(dir, "acct.txt", Util::encrypt(account.c_str()));
+        if (EMR_INTF != EMR_NONE && !account.empty()) writeTxt(dir, StateFile::ACCOUNT, Util::encrypt(account.c_str()));
 
         bool present = false;
         std::string code = trimmedValue(table, "optimize", &present);

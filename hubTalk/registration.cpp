@@ -10,14 +10,11 @@
 #include "sendFile.h"
 #include "settings.h"
 #include "text.h"
+#include "stateFiles.h"
 
-namespace {
-const char* const PENDING = "registrationPending.txt";
-}
+void markRegistrationPending(const char* dir) { writeTxt(dir, StateFile::REGISTRATION_PENDING, "init"); }
 
-void markRegistrationPending(const char* dir) { writeTxt(dir, PENDING, "init"); }
-
-bool registrationPending(const char* dir) { return fileExists(dir, PENDING); }
+bool registrationPending(const char* dir) { return fileExists(dir, StateFile::REGISTRATION_PENDING); }
 
 void registerBox(const char* dir) {
     SendFile::sendIpsCommand(dir, VERBOSE, QUIET);
@@ -25,18 +22,18 @@ void registerBox(const char* dir) {
     char* reply = SendFile::sendInitCommand(dir, rc, nullptr, VERBOSE, QUIET);
     // The reply lives in the ring; keep a copy while the version files are written.
     char* kept = strdup(reply ? reply : "");
-    if (!fileExists(dir, "hubTalkVer.txt")) {
+    if (!fileExists(dir, StateFile::PROGRAM_VERSION)) {
         time_t now = time(nullptr);
         struct tm utc;
         gmtime_r(&now, &utc);
         char version[32];
         strftime(version, sizeof version, "%Y%m%d:%H", &utc);
-        writeTxt(dir, "hubTalkVer.txt", version);
-        writeTxt(dir, "storescpVer.txt", version);
-        writeTxt(dir, "dicomDicVer.txt", version);
+        writeTxt(dir, StateFile::PROGRAM_VERSION, version);
+        writeTxt(dir, StateFile::RECEIVER_VERSION, version);
+        writeTxt(dir, StateFile::DICTIONARY_VERSION, version);
     }
     if (*trim(kept)) {
-        rmFile(dir, PENDING);
+        rmFile(dir, StateFile::REGISTRATION_PENDING);
         processResults(dir, kept);
     }
     free(kept);

@@ -7,12 +7,13 @@
 #include "files.h"
 #include "listener.h"
 #include "settings.h"
+#include "stateFiles.h"
 
 void startRoleThreads() {
-    rmFile(dataDir, "APIport.txt");
+    rmFile(dataDir, StateFile::API_PORT);
     startListener();
     // The EMR loop comes here, as its role is built.
-    if (viewpointDir[0]) writeTxt(dataDir, "viewpointDir.txt", viewpointDir);
+    if (viewpointDir[0]) writeTxt(dataDir, StateFile::VIEWPOINT_DIR, viewpointDir);
     // The export sender and the router come here.
     if (anyProcessingMode()) {
         // Worker 0 uses qDir itself; the others get queues of their own.

@@ -13,6 +13,7 @@
 #include "process.h"
 #include "settings.h"
 #include "text.h"
+#include "stateFiles.h"
 
 namespace {
 
@@ -69,7 +70,7 @@ bool replaceExecutable(const std::string& current) {
 
 // Returns false when the check must end here.
 bool updateDictionary(const char* dataDir, const std::string& installDir, const std::string& offered) {
-    std::string installed = versionOrZero(readTrimmed(dataDir, "dicomDicVer.txt"));
+    std::string installed = versionOrZero(readTrimmed(dataDir, StateFile::DICTIONARY_VERSION));
     if (!isNewerVersion(offered.c_str(), installed.c_str())) return true;
     std::string target = std::string(dataDir) + "/dicom.NEW.dic";
     if (download(installDir, "/varnesk_sundel/pieces/dicom.dic", target) != 0) return false;
@@ -79,14 +80,14 @@ bool updateDictionary(const char* dataDir, const std::string& installDir, const 
     std::string trimmed = content;
     if (*trim(&trimmed[0])) {
         writeTxt(dataDir, "dicom.dic", content.c_str());
-        writeTxt(dataDir, "dicomDicVer.txt", offered.c_str());
+        writeTxt(dataDir, StateFile::DICTIONARY_VERSION, offered.c_str());
         rmFile(dataDir, "dicom.NEW.dic");
     }
     return true;
 }
 
 bool updateReceiver(const char* dataDir, const std::string& installDir, const std::string& offered) {
-    std::string installed = versionOrZero(readTrimmed(dataDir, "storescpVer.txt"));
+    std::string installed = versionOrZero(readTrimmed(dataDir, StateFile::RECEIVER_VERSION));
     std::string name = std::string(PRE) + "storescp";
     if (!isNewerVersion(offered.c_str(), installed.c_str()) ||
         !nonZeroFile(installDir.c_str(), name.c_str()))
@@ -94,17 +95,17 @@ bool updateReceiver(const char* dataDir, const std::string& installDir, const st
     std::string current = installDir + "/" + name;
     if (download(installDir, "/varnesk_sundel/piecesX/storescp", current + ".NEW") != 0) return false;
     if (!replaceExecutable(current)) return false;
-    writeTxt(dataDir, "storescpVer.txt", offered.c_str());
+    writeTxt(dataDir, StateFile::RECEIVER_VERSION, offered.c_str());
     return true;
 }
 
 void updateProgram(const char* dataDir, const std::string& installDir, const std::string& offered) {
-    std::string installed = versionOrZero(readTrimmed(dataDir, "hubTalkVer.txt"));
+    std::string installed = versionOrZero(readTrimmed(dataDir, StateFile::PROGRAM_VERSION));
     if (!isNewerVersion(offered.c_str(), installed.c_str())) return;
     std::string current = installDir + "/" + PRE + "hubTalk";
     if (download(installDir, "/varnesk_sundel/piecesX/hubTalk", current + ".NEW") != 0) return;
     if (!replaceExecutable(current)) return;
-    writeTxt(dataDir, "hubTalkVer.txt", offered.c_str());
+    writeTxt(dataDir, StateFile::PROGRAM_VERSION, offered.c_str());
     sleep(1);
     exit(1);
 }

@@ -20,9 +20,10 @@
 #include "settings.h"
 #include "supervisor.h"
 #include "text.h"
+#include "stateFiles.h"
 
 void updateCert(const char* dir) {
-    if (!nonZeroFile(dir, "sundel.crt")) writeTxt(dir, "sundel.crt", PINNED_CA_PEM);
+    if (!nonZeroFile(dir, StateFile::PINNED_CA)) writeTxt(dir, StateFile::PINNED_CA, PINNED_CA_PEM);
 }
 
 // Cutting is intended here; a direct snprintf would draw -Wformat-truncation.
@@ -95,8 +96,8 @@ static void writeIdentity(const char* name) {
     // Marked first: an agent stopped before its registration went through
     // registers at its next start.
     markRegistrationPending(dataDir);
-    writeTxt(dataDir, "hostName.txt", name);
-    char* back = readTrimmed(dataDir, "hostName.txt");
+    writeTxt(dataDir, StateFile::HOST_NAME, name);
+    char* back = readTrimmed(dataDir, StateFile::HOST_NAME);
     if (strcmp(back, name) != 0) failStart("Unable to write internal name to %s/hostName.txt\n%s", dataDir, name);
 }
 
@@ -144,7 +145,7 @@ void prepareStart(const StartOptions& options) {
         snprintf(HL7_inputDir, sizeof HL7_inputDir, "%s", HL7_dir);
         if (PORT == 0) PORT = 5678;
     }
-    if (EMR_INTF == EMR_NONE && nonZeroFile(dataDir, "fileOnly.txt")) EMR_INTF = EMR_HL7FILE;
+    if (EMR_INTF == EMR_NONE && nonZeroFile(dataDir, StateFile::FILE_ONLY)) EMR_INTF = EMR_HL7FILE;
     if (EMR_INTF != EMR_NONE) {
         formatInto(HL7_cache, sizeof HL7_cache, "%s/%s", dataDir, "HL7");
         if (!makeDir(HL7_cache)) failStart("Cannot create HL7 Cache\n%s", HL7_cache);
@@ -174,15 +175,15 @@ void prepareStart(const StartOptions& options) {
     char name[128] = {0};
     if (options.nameFile[0]) {
         readNameFile(options.nameFile, name, sizeof name);
-        if (fileExists(dataDir, "hostName.txt") && strcmp(readTrimmed(dataDir, "hostName.txt"), name) != 0)
+        if (fileExists(dataDir, StateFile::HOST_NAME) && strcmp(readTrimmed(dataDir, StateFile::HOST_NAME), name) != 0)
             writeIdentity(name);
     }
 
     daemonInit(dataDir, options.daemonize);
 
-    if (name[0] && !fileExists(dataDir, "hostName.txt")) {
+    if (name[0] && !fileExists(dataDir, StateFile::HOST_NAME)) {
         writeIdentity(name);
-    } else if (!*readTrimmed(dataDir, "hostName.txt")) {
+    } else if (!*readTrimmed(dataDir, StateFile::HOST_NAME)) {
         if (!name[0]) newIdentity(name);
         writeIdentity(name);
     }

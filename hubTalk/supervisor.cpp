@@ -18,6 +18,7 @@
 #include "exception.h"
 #include "files.h"
 #include "process.h"
+#include "stateFiles.h"
 
 namespace {
 
@@ -128,8 +129,8 @@ void daemonInit(const char* dir, bool daemonize) {
         int status = waitWorker(pid);
         supervisedChild = 0;
         if (stopRequested) exit(0);
-        if (WIFEXITED(status) && WEXITSTATUS(status) == 0 && nonZeroFile(dir, "SHUTDOWN.txt")) {
-            rmFile(dir, "SHUTDOWN.txt");
+        if (WIFEXITED(status) && WEXITSTATUS(status) == 0 && nonZeroFile(dir, StateFile::SHUTDOWN)) {
+            rmFile(dir, StateFile::SHUTDOWN);
             exit(0);
         }
         if (monotonicSeconds() - started < QUICK_EXIT_S)

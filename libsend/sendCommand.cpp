@@ -10,6 +10,7 @@
 #include "linkUtil.h"
 #include "sendFile.h"
 #include "text.h"
+#include "stateFiles.h"
 
 namespace {
 
@@ -19,8 +20,8 @@ struct Ident {
 };
 
 Ident identity(const char* dataDir) {
-    return {readTrimmed(dataDir, "hostName.txt"),
-            readTrimmed(dataDir, "displayName.txt")};
+    return {readTrimmed(dataDir, StateFile::HOST_NAME),
+            readTrimmed(dataDir, StateFile::DISPLAY_NAME)};
 }
 
 // Lines with a stated maximum are cut silently.
@@ -58,7 +59,7 @@ char* registration(const char* verb, const char* dataDir, int& status, const cha
     if (payload && *payload) {
         body = payload;
     } else {
-        std::string id = readTrimmed(dataDir, "hostName.txt");
+        std::string id = readTrimmed(dataDir, StateFile::HOST_NAME);
         if (id.empty()) {
             status = 1;
             return result("");
@@ -74,7 +75,7 @@ char* SendFile::sendACommand(const char* command, int& status, const char* dataD
                              bool qu, ClientReceiveType type, Memory* mem) {
     std::string line = command ? command : "";
     if (strcasecmp(line.c_str(), "ips") == 0 || strcasecmp(line.c_str(), "ipsDNS") == 0) {
-        std::string host = readTrimmed(dataDir, "hostName.txt");
+        std::string host = readTrimmed(dataDir, StateFile::HOST_NAME);
         if (!host.empty()) line += "/" + host;
     }
     SendFile session(dataDir, verb, qu);
@@ -86,8 +87,8 @@ char* SendFile::sendACommand(const char* command, int& status, const char* dataD
             fprintf(stderr, "NULL Results from sendACommand/%s\n", line.c_str());
         if (mem) reply = LinkUtil::handOver(reply, mem);
     } else {
-        session.id = session.keep(readTrimmed(dataDir, "hostName.txt"));
-        session.displayName = session.keep(readTrimmed(dataDir, "displayName.txt"));
+        session.id = session.keep(readTrimmed(dataDir, StateFile::HOST_NAME));
+        session.displayName = session.keep(readTrimmed(dataDir, StateFile::DISPLAY_NAME));
         reply = session.sendClientReceive(line.c_str(), status, type, mem);
         if (verb) {
             if (!reply || !*reply)
@@ -117,14 +118,14 @@ char* SendFile::sendHeartbeatCommand(const char* dataDir, int& status, const cha
 
 char* SendFile::sendEcho(const char* dataDir, int& status, const char* a, const char* b, bool verb,
                          bool qu) {
-    std::string id = readTrimmed(dataDir, "hostName.txt");
+    std::string id = readTrimmed(dataDir, StateFile::HOST_NAME);
     std::string inner = cut(std::string(a ? a : "") + "|" + (b ? b : "") + "|" + id + "|1", 255);
     return result(sendLine("echo|" + inner, status, dataDir, verb, qu));
 }
 
 int SendFile::sendFailureCommand(const char* dataDir, bool verb, bool qu, int extra) {
-    long count = LinkUtil::readCount(dataDir, "ErrorFile.txt") + extra;
-    std::string id = readTrimmed(dataDir, "hostName.txt");
+    long count = LinkUtil::readCount(dataDir, StateFile::COMMAND_FAILURES) + extra;
+    std::string id = readTrimmed(dataDir, StateFile::HOST_NAME);
     int status = 1;
     if (!id.empty()) {
         std::string body =
@@ -132,9 +133,9 @@ int SendFile::sendFailureCommand(const char* dataDir, bool verb, bool qu, int ex
         sendLine("failure|" + body, status, dataDir, verb, qu);
     }
     if (status == 0)
-        writeTxt(dataDir, "ErrorFile.txt", "0");
+        writeTxt(dataDir, StateFile::COMMAND_FAILURES, "0");
     else
-        LinkUtil::writeCount(dataDir, "ErrorFile.txt", count);
+        LinkUtil::writeCount(dataDir, StateFile::COMMAND_FAILURES, count);
     return status;
 }
 
@@ -236,7 +237,7 @@ char* SendFile::sendDdicom(const char* dataDir, int& status, int n, const char* 
 
 char* SendFile::sendLogMsg(const char* dataDir, int& status, const char* message, bool verb,
                            bool qu) {
-    std::string id = readTrimmed(dataDir, "hostName.txt");
+    std::string id = readTrimmed(dataDir, StateFile::HOST_NAME);
     std::string msg = message ? std::string(message).substr(0, 2048) : "";
     return result(sendLine(id + "|LOG|msg|" + msg, status, dataDir, verb, qu));
 }
@@ -265,9 +266,9 @@ char* SendFile::sendAPICommand(const char* dataDir, const char* json, bool verb,
     const char* close = open ? strchr(open + 1, '"') : nullptr;
     if (!close) return result("error", mem);
     type.assign(open + 1, std::min<size_t>((size_t)(close - open - 1), 127));
-    std::string id = readTrimmed(dataDir, "hostName.txt");
+    std::string id = readTrimmed(dataDir, StateFile::HOST_NAME);
     if (id.empty()) return result("error", mem);
-    std::string name = Box::plainName(readTrimmed(dataDir, "displayName.txt"));
+    std::string name = Box::plainName(readTrimmed(dataDir, StateFile::DISPLAY_NAME));
     std::string line = "API/" + id + "/" + name + "/1|" + type + "|" + j;
     int status = 1;
     std::string r = sendLine(line, status, dataDir, verb, qu);
@@ -287,28 +288,28 @@ thread_local bool t_inRefresh = false;
 int SendFile::sendIpsCommand(const char* dataDir, bool verb, bool qu) {
     if (t_inRefresh) return 1;
     t_inRefresh = true;
-    std::string old = readTrimmed(dataDir, "hosts.txt");
-    std::string receiver = readTrimmed(dataDir, "receiver.txt");
+    std::string old = readTrimmed(dataDir, StateFile::SERVERS);
+    std::string receiver = readTrimmed(dataDir, StateFile::RECEIVER);
     std::string verbName = "ips";
     if (!old.empty()) {
         if (old.find(RECEIVER_HOST) != std::string::npos) verbName = "ipsDNS";
     } else {
-        writeTxt(dataDir, "hosts.txt", receiver.empty() ? BUILTIN_SERVERS : receiver.c_str());
+        writeTxt(dataDir, StateFile::SERVERS, receiver.empty() ? BUILTIN_SERVERS : receiver.c_str());
     }
     int status = 1;
     std::string reply = trimmedLine(verbName, status, dataDir, verb, qu);
     bool first = true;
     if (reply.empty()) {
         first = false;
-        writeTxt(dataDir, "hosts.txt", receiver.empty() ? BUILTIN_SERVERS : receiver.c_str());
+        writeTxt(dataDir, StateFile::SERVERS, receiver.empty() ? BUILTIN_SERVERS : receiver.c_str());
         reply = trimmedLine("ips", status, dataDir, verb, qu);
     }
     if (reply.empty()) {
         if (!receiver.empty()) {
-            writeTxt(dataDir, "hosts.txt", receiver.c_str());
+            writeTxt(dataDir, StateFile::SERVERS, receiver.c_str());
             reply = trimmedLine("ips", status, dataDir, verb, qu);
         } else {
-            writeTxt(dataDir, "hosts.txt", RECEIVER_HOST);
+            writeTxt(dataDir, StateFile::SERVERS, RECEIVER_HOST);
             reply = trimmedLine("ipsDNS", status, dataDir, verb, qu);
         }
         if (reply.empty()) {
@@ -316,7 +317,7 @@ int SendFile::sendIpsCommand(const char* dataDir, bool verb, bool qu) {
             return status;
         }
     }
-    if (!(first && reply == old)) writeTxt(dataDir, "hosts.txt", reply.c_str());
+    if (!(first && reply == old)) writeTxt(dataDir, StateFile::SERVERS, reply.c_str());
     t_inRefresh = false;
     return status;
 }

@@ -26,6 +26,7 @@
 #include "dicom.h"
 #include "tlsSession.h"
 #include "util.h"
+#include "stateFiles.h"
 
 const char* const RECEIVER_HOST = HUBTALK_RECEIVER_HOST;
 const char* const BUILTIN_SERVERS = HUBTALK_BUILTIN_SERVERS;
@@ -104,9 +105,9 @@ SendFile::SendFile(const char* dir, const char* fileName, const char* remote, co
     fseeko(file, 0, SEEK_END);
     fileSize = ftello(file);
     fseeko(file, 0, SEEK_SET);
-    displayName = keep(readRightTrimmed(dataDir, "displayName.txt").c_str());
+    displayName = keep(readRightTrimmed(dataDir, StateFile::DISPLAY_NAME).c_str());
     std::string who = id;
-    if (who == "NONE") who = readRightTrimmed(dataDir, "hostName.txt");
+    if (who == "NONE") who = readRightTrimmed(dataDir, StateFile::HOST_NAME);
 
     std::string sopName;
     char* mk = markerName ? markerName : remoteName;
@@ -182,12 +183,12 @@ void SendFile::rotatePastFirst() {
 }
 
 void SendFile::loadDests() {
-    std::string port = readTrimmed(dataDir, "port.txt");
+    std::string port = readTrimmed(dataDir, StateFile::PORT);
     if (port.empty()) port = DEFAULT_PORT;
-    std::string list = readTrimmed(dataDir, "hosts.txt");
+    std::string list = readTrimmed(dataDir, StateFile::SERVERS);
     if (list.empty()) {  // (a refresh already under way returns at once)
         sendIpsCommand(dataDir, verbose, quiet);
-        list = readTrimmed(dataDir, "hosts.txt");
+        list = readTrimmed(dataDir, StateFile::SERVERS);
     }
     if (list.empty()) list = RECEIVER_HOST;
     int n = 0;
@@ -373,10 +374,10 @@ int SendFile::sendWFile(const char* path, const char* remote, const char* marker
         failed = session.sendFile();
     }
     if (failed)
-        LinkUtil::writeCount(dDir, "FileFailedCount.txt",
-                             LinkUtil::readCount(dDir, "FileFailedCount.txt") + 1);
+        LinkUtil::writeCount(dDir, StateFile::UPLOAD_FAILURES,
+                             LinkUtil::readCount(dDir, StateFile::UPLOAD_FAILURES) + 1);
     else
-        writeTxt(dDir, "FileFailedCount.txt", "0");
+        writeTxt(dDir, StateFile::UPLOAD_FAILURES, "0");
     return failed ? 1 : 0;
 }
 

@@ -8,6 +8,7 @@
 #include <mbedtls/net_sockets.h>
 
 #include "boxSend.h"
+#include "bounds.h"
 #include "morvaAlarms.h"
 
 namespace {
@@ -100,11 +101,9 @@ int bioRecv(void* ctx, unsigned char* buf, size_t len) {
 
 // The pinned authority is one certificate; the library would read whatever
 // the path names whole (a directory made it allocate without bound).
-const off_t MAX_CA_FILE = 1024 * 1024;
-
 bool readableCaFile(const char* path) {
     struct stat st;
-    return path && stat(path, &st) == 0 && S_ISREG(st.st_mode) && st.st_size <= MAX_CA_FILE;
+    return path && stat(path, &st) == 0 && S_ISREG(st.st_mode) && st.st_size <= Limits::CA_FILE_MOST;
 }
 
 bool again(int rc) {
