@@ -1,6 +1,7 @@
 #include "morvaNet.h"
 
 #include <arpa/inet.h>
+#include <csignal>
 #include <cctype>
 #include <cerrno>
 #include <climits>
@@ -11,9 +12,15 @@
 #include <netinet/tcp.h>
 #include <pthread.h>
 #include <string>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "bounds.h"
 #include "exception.h"
 #include "morvaAlarms.h"
 
@@ -43,13 +50,98 @@ int AddrInfo::hintFlags(const char* host) {
     return flags;
 }
 
+namespace {
+
+// One lookup on a thread of its own: the library resumes a lookup after a
+// signal, so only a wait that does not depend on it can end at a deadline.
+// Whoever of caller and thread comes last frees the state.
+struct Lookup {
+    std::mutex mutex;
+    std::condition_variable finished;
+    bool done = false;
+    bool abandoned = false;
+    std::string host, port;
+    struct addrinfo hints;
+    struct addrinfo* result = nullptr;
+    int rc = EAI_AGAIN;
+};
+
+std::atomic<int> g_lookupsInFlight{0};
+
+void* runLookup(void* arg) {
+    auto* lookup = static_cast<std::shared_ptr<Lookup>*>(arg);
+    Lookup& l = **lookup;
+    struct addrinfo* found = nullptr;
+    int rc = getaddrinfo(l.host.c_str(), l.port.c_str(), &l.hints, &found);
+    {
+        std::lock_guard<std::mutex> hold(l.mutex);
+        if (l.abandoned) {
+            if (found) freeaddrinfo(found);
+        } else {
+            l.rc = rc;
+            l.result = found;
+        }
+        l.done = true;
+    }
+    l.finished.notify_all();
+    delete lookup;
+    g_lookupsInFlight--;
+    return nullptr;
+}
+
+// A dotted IPv4 address never reaches the resolver.
+bool numericAddress(const char* host) {
+    struct in_addr a;
+    return inet_pton(AF_INET, host, &a) == 1;
+}
+
+int boundedLookup(const char* host, const char* port, const struct addrinfo& hints,
+                  struct addrinfo** found) {
+    if (numericAddress(host)) return getaddrinfo(host, port, &hints, found);
+    if (++g_lookupsInFlight > Limits::LOOKUPS_IN_FLIGHT_MOST) {
+        g_lookupsInFlight--;  // stalled lookups already hold enough threads
+        return EAI_AGAIN;
+    }
+    auto lookup = std::make_shared<Lookup>();
+    lookup->host = host;
+    lookup->port = port;
+    lookup->hints = hints;
+    auto* forThread = new std::shared_ptr<Lookup>(lookup);
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+    pthread_attr_setstacksize(&attr, Limits::LOOKUP_STACK);
+    // The watchdog's signals are meant for the caller, not for the lookup.
+    sigset_t all, previous;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &previous);
+    pthread_t thread;
+    int started = pthread_create(&thread, &attr, runLookup, forThread);
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    pthread_attr_destroy(&attr);
+    if (started != 0) {
+        delete forThread;
+        g_lookupsInFlight--;
+        return EAI_AGAIN;
+    }
+    std::unique_lock<std::mutex> hold(lookup->mutex);
+    if (!lookup->finished.wait_for(hold, std::chrono::milliseconds(Limits::RESOLVE_MS),
+                                   [&] { return lookup->done; })) {
+        lookup->abandoned = true;
+        return EAI_AGAIN;
+    }
+    *found = lookup->result;
+    return lookup->rc;
+}
+
+}  // namespace
+
 void AddrInfo::init(int count, char** hosts, char** ports, bool stream, bool /*verbose*/,
                     bool quiet) {
     if (result) {
         freeaddrinfo(result);
         result = nullptr;
     }
-    int slot = m_alarms->regThread(pthread_self());
     for (int i = 0; i < count && hosts && ports; ++i) {
         const char* host = hosts[i];
         const char* port = ports[i];
@@ -60,9 +152,7 @@ void AddrInfo::init(int count, char** hosts, char** ports, bool stream, bool /*v
         hints.ai_socktype = stream ? SOCK_STREAM : SOCK_DGRAM;
         hints.ai_flags = hintFlags(host);
         struct addrinfo* found = nullptr;
-        m_alarms->arm(slot, 10000, -1);
-        int rc = getaddrinfo(host, port, &hints, &found);
-        m_alarms->disarm(slot);
+        int rc = boundedLookup(host, port, hints, &found);
         if (rc == 0 && found) {
             result = found;
             break;
@@ -72,7 +162,6 @@ void AddrInfo::init(int count, char** hosts, char** ports, bool stream, bool /*v
             fprintf(stderr, "getaddrinfo failed for domain = |%s|, port = |%s|, error=%d/%s \n",
                     host, port, rc, gai_strerror(rc));
     }
-    m_alarms->unregThread(slot);
 }
 
 // ------------------------------------------------------------------ Network
@@ -103,7 +192,7 @@ namespace {
 
 // Connected socket to host:port under the caller's alarm slot, or -1.
 int connectTo(const char* host, const char* port, int slot, bool verbose) {
-    int fd = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
     if (fd < 0) {
         Network::report("Socket system call failed", false, verbose);
         return -1;
@@ -118,7 +207,7 @@ int connectTo(const char* host, const char* port, int slot, bool verbose) {
         Network::report("Socket connect failed", false, verbose);
         return -1;
     }
-    m_alarms->arm(slot, 10000, fd);
+    m_alarms->arm(slot, Limits::PLAIN_EXCHANGE_MS, fd);
     int rc = connect(fd, ai.result->ai_addr, ai.result->ai_addrlen);
     m_alarms->disarm(slot);
     bool closedByWatchdog = m_alarms->socketClosed(slot);
@@ -143,7 +232,7 @@ char* Network::GenTCP(const char* host, const char* port, const char* request, b
     }
     std::string answer;
     bool ok = true;
-    m_alarms->arm(slot, 10000, fd);
+    m_alarms->arm(slot, Limits::PLAIN_EXCHANGE_MS, fd);
     size_t len = strlen(request), sent = 0;
     while (sent < len) {
         ssize_t n = send(fd, request + sent, len - sent, MSG_NOSIGNAL);
@@ -240,7 +329,8 @@ int Network::sendUMsg(const char* host, int port, const char* message) {
         report("getaddrinfo call failed", false, false);
         return -1;
     }
-    int fd = socket(ai.result->ai_family, ai.result->ai_socktype, ai.result->ai_protocol);
+    int fd = socket(ai.result->ai_family, ai.result->ai_socktype | SOCK_CLOEXEC,
+                    ai.result->ai_protocol);
     if (fd < 0) {
         report("Socket system call failed", false, false);
         return -1;

@@ -1,4 +1,4 @@
-// Address resolution under the thread watchdog, and small socket helpers
+// Address resolution with a deadline, and small socket helpers
 // (plain HTTP over TCP, one UDP datagram).
 #pragma once
 #include <netdb.h>
@@ -14,8 +14,10 @@ struct AddrInfo {
     AddrInfo& operator=(const AddrInfo&) = delete;
 
     // Resolves hosts[i]:ports[i] in order (IPv4 only; entries with an empty
-    // host or port are skipped) and keeps the first result. Each lookup is
-    // bounded by a 10 000 ms watchdog alarm. Failures are printed unless quiet.
+    // host or port are skipped) and keeps the first result. A name lookup
+    // runs on a helper thread and is given up after Limits::RESOLVE_MS,
+    // whatever the resolver does; a dotted address is converted in place.
+    // Failures are printed unless quiet.
     void init(int count, char** hosts, char** ports, bool stream, bool verbose, bool quiet);
     struct addrinfo* release();
 
@@ -45,7 +47,7 @@ public:
     static char* GenHTTPX(bool https, const char* host, const char* port, const char* request,
                           int& status, bool verbose);
     // One request, the whole answer until the peer closes; malloc'd, null on
-    // failure. Bounded by a 10 000 ms watchdog deadline.
+    // failure. Bounded by a Limits::PLAIN_EXCHANGE_MS watchdog deadline.
     static char* GenTCP(const char* host, const char* port, const char* request, bool verbose);
     // One UDP datagram of strlen(message) bytes. 0 on success, -1 on failure.
     static int sendUMsg(const char* host, int port, const char* message);

@@ -56,20 +56,28 @@ int readExact(TlsSession* t, unsigned char* buf, size_t len) {
 
 // Drops whole records that precede the server's first handshake record: they
 // belong to the session that ran before on this connection. The handshake
-// record's header is kept for the library.
+// record's header is kept for the library. So is a plain alert (two bytes:
+// the earlier session's alerts are enciphered and longer), the server's
+// refusal of this session, which must end the handshake at once.
 int skipOld(TlsSession* t) {
     for (;;) {
         unsigned char hdr[5];
         int rc = readExact(t, hdr, sizeof hdr);
         if (rc <= 0) return rc;
-        if (hdr[0] == MBEDTLS_SSL_MSG_HANDSHAKE) {
+        size_t left = ((size_t)hdr[3] << 8) | hdr[4];
+        bool refusal = hdr[0] == MBEDTLS_SSL_MSG_ALERT && left == 2;
+        if (hdr[0] == MBEDTLS_SSL_MSG_HANDSHAKE || refusal) {
             memcpy(t->pending, hdr, sizeof hdr);
             t->pendingLength = sizeof hdr;
+            if (refusal) {
+                rc = readExact(t, t->pending + sizeof hdr, 2);
+                if (rc <= 0) return rc;
+                t->pendingLength += 2;
+            }
             t->pendingOffset = 0;
             t->skipOldRecords = false;
             return 1;
         }
-        size_t left = ((size_t)hdr[3] << 8) | hdr[4];
         unsigned char sink[4096];
         while (left > 0) {
             size_t piece = left < sizeof sink ? left : sizeof sink;

@@ -23,7 +23,8 @@ struct TlsSession {
     // certificate does not parse, or set-up failed.
     int configureCert(const char* caPath);
     // Pre-shared key (its string length), identity "Nothing". Records of an
-    // earlier session still waiting in the socket are dropped unread.
+    // earlier session still waiting in the socket are dropped unread; a
+    // server's alert in their place ends the handshake.
     int configurePsk(const char* key);
     // 0 on success; repeats while asked to be called again.
     int handshake();
@@ -40,9 +41,10 @@ struct TlsSession {
 
     Box* box;
     bool skipOldRecords = false;
-    // The first record header of the new session, read while skipping the
-    // old one's records, handed to the library before any further socket read.
-    unsigned char pending[5];
+    // The first record header of the new session (with its body when it is
+    // an alert), read while skipping the old one's records, handed to the
+    // library before any further socket read.
+    unsigned char pending[7];
     size_t pendingLength = 0;
     size_t pendingOffset = 0;
     bool live = true;

@@ -15,6 +15,7 @@ enum class Fault {
     Silent,       // "silent": connections are accepted and never answered
     StrayEnd,     // "strayEnd": the first session's own close notification precedes the key session
     OverPush,     // "overPush": pushed data runs on past the announced size
+    KeyAlert,     // "keyAlert": the key session is refused with an alert, the connection held open
 };
 
 // The fault's file name under "faults/" (the test harness shares it).
@@ -29,6 +30,7 @@ inline const char* faultName(Fault fault) {
     case Fault::Silent: return "silent";
     case Fault::StrayEnd: return "strayEnd";
     case Fault::OverPush: return "overPush";
+    case Fault::KeyAlert: return "keyAlert";
     }
     return "unknown";
 }

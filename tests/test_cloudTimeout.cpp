@@ -1,10 +1,13 @@
-// A peer that stops answering is cut off by the thread watchdog: the call
-// returns failure instead of hanging (this waits out a real minute).
+// A peer or a resolver that stops answering is cut off at its deadline: the
+// call returns failure instead of hanging (this waits out a real minute).
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -12,6 +15,8 @@
 #include <thread>
 
 #include "localServiceHarness.h"
+#include "morvaNet.h"
+#include "process.h"
 #include "sendFile.h"
 #include "testUtil.h"
 
@@ -69,6 +74,43 @@ TEST(CloudTimeout, SilentPeersAreCutOff) {
     EXPECT_NE(err.find("Acknowledgement from server for command start failed"), std::string::npos)
         << err;
     EXPECT_NE(err.find("Fatal error during TLS handshake"), std::string::npos) << err;
+}
+
+// The resolver named in a private resolv.conf takes queries and never answers;
+// the library itself would wait 30 s and resume after the watchdog's signal.
+TEST(CloudTimeout, StalledResolverIsCutOffAtItsDeadline) {
+    TempDir dir;
+    std::string conf = dir.path() + "/resolv.conf";
+    spit(conf, "nameserver 127.0.0.77\noptions timeout:30 attempts:1\n");
+    int dns = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(53);
+    a.sin_addr.s_addr = inet_addr("127.0.0.77");
+    if (bind(dns, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
+        close(dns);
+        GTEST_SKIP() << "needs root to hold a resolver port";
+    }
+    pid_t child = fork();
+    if (child == 0) {
+        if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount(conf.c_str(), "/etc/resolv.conf", nullptr, MS_BIND, nullptr) != 0)
+            _exit(77);
+        char host[] = "stalled.lookup.test", port[] = "443";
+        char* hosts[] = {host};
+        char* ports[] = {port};
+        double start = monotonicSeconds();
+        AddrInfo ai;
+        ai.init(1, hosts, ports, true, false, true);
+        double took = monotonicSeconds() - start;
+        _exit(ai.result == nullptr && took < 20 ? 0 : 1);
+    }
+    int status = 0;
+    ChildWait waited = waitChildFor(child, 90, &status);
+    close(dns);
+    ASSERT_EQ(waited, ChildWait::Ended);
+    if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "no private mount namespace here";
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "lookup not given up at its deadline";
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "localServiceHarness.h"
+#include "process.h"
 #include "sendFile.h"
 #include "testUtil.h"
 #include "util.h"
@@ -127,6 +128,16 @@ TEST_F(Upload, OutcomesAndTheFailureCount) {
         << err;
     EXPECT_EQ(count(), "1");
     svc.setFault(LocalService::Fault::WrongKey, false);
+
+    // Refused with an alert on a connection the service holds open: over at
+    // once, not when the minute's deadline ends it.
+    svc.setFault(LocalService::Fault::KeyAlert);
+    double start = monotonicSeconds();
+    EXPECT_EQ(upload(files.file("x.bin")), 1);
+    EXPECT_LT(monotonicSeconds() - start, 20);
+    EXPECT_EQ(count(), "2");
+    svc.setFault(LocalService::Fault::KeyAlert, false);
+    spit(data.file("FileFailedCount.txt"), "1");
 
     svc.setFault(LocalService::Fault::CutUpload);
     EXPECT_EQ(upload(files.file("x.bin")), 1);
