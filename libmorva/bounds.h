@@ -19,15 +19,67 @@ constexpr size_t LOOKUP_STACK = 256 * 1024;
 constexpr unsigned int PLAIN_EXCHANGE_MS = 10000;
 // A data transfer gets LINK_STEP_MS plus one millisecond per this many bytes.
 constexpr unsigned int TRANSFER_BYTES_PER_MS = 10;
+constexpr unsigned int transferMs(unsigned long long bytes) {
+    unsigned long long ms = LINK_STEP_MS + bytes / TRANSFER_BYTES_PER_MS;
+    return ms > 0xFFFFFFFFull ? 0xFFFFFFFFu : static_cast<unsigned int>(ms);
+}
 // Bytes moved per read or write of an upload or a pushed file.
 constexpr size_t TRANSFER_CHUNK = 1048576;
+// A command's reply, read until the server closes; text pushed after a
+// command, allocated at the size the server announces.
+constexpr size_t COMMAND_REPLY_MOST = 1048576;
+constexpr size_t PUSHED_TEXT_MOST = 16 * 1048576;
 // The pinned certificate authority file.
 constexpr long CA_FILE_MOST = 1048576;
 
 // ---- local listener
+// An HL7 frame or a sharing document; beyond this it is taken as it stands.
 constexpr size_t LISTENER_FRAME_MOST = 16 * 1048576;
+// Bytes asked for per receive; a JSON request other than a sharing document
+// must come whole in its first one.
+constexpr int LISTENER_BUFFER = 8192;
+// For the first bytes of a connection, again for the rest of a sharing
+// document or frame, and for sending each answer.
+constexpr unsigned int LISTENER_TIMEOUT_MS = 60000;
+// Send time-out of an answering socket: a backstop for a watchdog signal
+// that came just before the call blocked, and was lost.
+constexpr int LISTENER_SOCKET_TIMEOUT_S = 61;
+// Connections being read at once; one more displaces the oldest.
+constexpr int LISTENER_CONNECTIONS_MOST = 64;
+// Bytes held for the connections being read, all together; beyond this the
+// oldest connections are dropped.
+constexpr size_t LISTENER_HELD_MOST = 64 * 1048576;
+// Listen backlog at least.
+constexpr int LISTENER_BACKLOG = 64;
+// Workers for requests that wait on the service or an upload, and requests
+// that may wait for one of them; beyond that a request is answered "error".
+constexpr int LISTENER_RELAY_THREADS = 4;
+constexpr int LISTENER_RELAYS_WAITING_MOST = 16;
+// Requests read whole and waiting for an answering worker; beyond that a
+// connection is dropped.
+constexpr int LISTENER_ANSWERS_WAITING_MOST = 256;
+// Accept failures in the listener's life before it stops accepting; a
+// shortage of descriptors does not count.
+constexpr int LISTENER_ACCEPT_FAILURES_MOST = 500;
+// Accepting pauses this long when descriptors run short (EMFILE, ENFILE),
+// so that the shortage can pass instead of being spun through.
+constexpr unsigned int ACCEPT_SHORTAGE_PAUSE_MS = 100;
+// Longest sleep of a waiting thread before it looks again.
+constexpr unsigned int LISTENER_IDLE_MS = 1000;
 
 // ---- files
 constexpr size_t COPY_BUFFER = 1048576;
+// The most read of a state file: any, an identity (host name, display name,
+// account), a port, a server list.
+constexpr size_t STATE_TEXT_MOST = 65536;
+constexpr size_t IDENTITY_MOST = 256;
+constexpr size_t PORT_MOST = 16;
+constexpr size_t SERVER_LIST_MOST = 16384;
+
+// ---- shared scratch ring
+constexpr int RING_SIZE = 1048576;
+// Longer texts are not put on the ring: they would wrap it over the texts
+// other threads still use. They need the caller's arena.
+constexpr size_t RING_TEXT_MOST = 65536;
 
 }  // namespace Limits

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -21,7 +22,6 @@ char EMPTY_TEXT[1] = {'\0'};
 
 namespace {
 const mode_t FILE_MODE = 0664;
-const size_t COPY_BUFFER = 1048576;
 // Temporary names tried in turn while earlier ones are taken.
 const int TEMPORARY_TRIES = 64;
 
@@ -120,9 +120,10 @@ int syncDirectoryOf(const char* path) {
 
 // Reads an open file whole into a malloc'd buffer with 4 spare bytes.
 // Returns 0, or -1 on allocation failure, -2 on read failure.
-int slurpFd(int fd, char** out, size_t* length) {
+int slurpFd(int fd, char** out, size_t* length, size_t most) {
     off_t size = lseek(fd, 0, SEEK_END);
     if (size < 0) size = 0;
+    if (static_cast<uint64_t>(size) > most) size = static_cast<off_t>(most);
     lseek(fd, 0, SEEK_SET);
     char* buf = static_cast<char*>(::malloc(static_cast<size_t>(size) + 4));
     if (!buf) return -1;
@@ -138,10 +139,10 @@ int slurpFd(int fd, char** out, size_t* length) {
 
 // Copies size bytes; false when the source gave fewer (it shrank) or a write failed.
 bool copyBytes(int from, int to, off_t size) {
-    char* buf = static_cast<char*>(::malloc(COPY_BUFFER));
+    char* buf = static_cast<char*>(::malloc(Limits::COPY_BUFFER));
     bool ok = buf != nullptr;
     for (off_t remaining = size; ok && remaining > 0;) {
-        size_t want = remaining < static_cast<off_t>(COPY_BUFFER) ? static_cast<size_t>(remaining) : COPY_BUFFER;
+        size_t want = remaining < static_cast<off_t>(Limits::COPY_BUFFER) ? static_cast<size_t>(remaining) : Limits::COPY_BUFFER;
         ok = readFully(from, buf, want) == static_cast<ssize_t>(want) &&
              writeFully(to, buf, want) == static_cast<ssize_t>(want);
         remaining -= static_cast<off_t>(want);
@@ -178,7 +179,7 @@ char* makePath(const char* dir, const char* name) {
     return path;
 }
 
-char* readTxt(const char* dir, const char* name) {
+char* readTxt(const char* dir, const char* name, size_t most) {
     Path path(dir, name);
     struct stat st;
     if (!path.p || stat(path, &st) != 0 || S_ISDIR(st.st_mode)) return EMPTY_TEXT;
@@ -186,7 +187,7 @@ char* readTxt(const char* dir, const char* name) {
     if (fd < 0) return EMPTY_TEXT;
     char* buf = nullptr;
     size_t length = 0;
-    int rc = slurpFd(fd, &buf, &length);
+    int rc = slurpFd(fd, &buf, &length, most);
     close(fd);
     if (rc == -1) {
         logSysError("ReadTxt: Malloc returned NULL");
@@ -202,12 +203,14 @@ char* readTxt(const char* dir, const char* name) {
     return buf;
 }
 
-char* readTrimmed(const char* dir, const char* name) {
-    char* text = readTxt(dir, name);
+char* readTrimmed(const char* dir, const char* name, size_t most) {
+    char* text = readTxt(dir, name, most < Limits::RING_TEXT_MOST ? most : Limits::RING_TEXT_MOST);
     char* cached = InternalCache::getCacheReturn(text, strlen(text) + 1, false);
     if (text != EMPTY_TEXT) ::free(text);
     return trim(cached);
 }
+
+char* readTrimmed(const char* dir, const StateFileName& file) { return readTrimmed(dir, file.name, file.most); }
 
 bool writeTxt(const char* dir, const char* name, const char* text) {
     if (!text) text = "";
@@ -253,7 +256,7 @@ int appendFile(const char* source, const char* destination) {
     if (fd < 0) return 1;
     char* buf = nullptr;
     size_t length = 0;
-    int rc = slurpFd(fd, &buf, &length);
+    int rc = slurpFd(fd, &buf, &length, SIZE_MAX);
     close(fd);
     if (rc == -1) {
         logSysError("appendFile: Malloc returned NULL");

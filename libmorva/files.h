@@ -2,7 +2,11 @@
 // readers read it afresh each time, writers replace it atomically.
 #pragma once
 #include <cstddef>
+#include <cstdint>
 #include <ctime>
+
+#include "bounds.h"
+#include "stateFiles.h"
 
 class Memory;
 
@@ -13,10 +17,14 @@ extern char EMPTY_TEXT[1];
 // Returns a malloc'd path.
 char* makePath(const char* dir, const char* name);
 
-// Whole file, zero bytes turned into blanks; malloc'd, or EMPTY_TEXT.
-char* readTxt(const char* dir, const char* name);
-// readTxt copied into the InternalCache and trimmed (never null, never to be freed).
-char* readTrimmed(const char* dir, const char* name);
+// Whole file, or its first `most` bytes, zero bytes turned into blanks;
+// malloc'd, or EMPTY_TEXT.
+char* readTxt(const char* dir, const char* name, size_t most = SIZE_MAX);
+// readTxt of at most `most` (and never more than Limits::RING_TEXT_MOST)
+// bytes, copied into the InternalCache and trimmed (never null, never to be
+// freed). A state file is read as far as its own limit.
+char* readTrimmed(const char* dir, const char* name, size_t most = Limits::STATE_TEXT_MOST);
+char* readTrimmed(const char* dir, const StateFileName& file);
 // Atomic replace: the content is written to a new temporary beside the file
 // ("<path>.SV.<pid>.<tid>.<n>", never an existing file or link), brought to
 // disk and renamed over the file. True only when the file was wholly

@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <pthread.h>
 
+#include "bounds.h"
+
 class Memory {
 public:
     Memory();
@@ -73,7 +75,7 @@ private:
 // Process-wide ring buffer. Text from it is valid only until the ring wraps.
 class InternalCache {
 public:
-    static constexpr int SIZE = 1048576;
+    static constexpr int SIZE = Limits::RING_SIZE;
 
     // Reserves size bytes (8-byte aligned, wraps when offset + size >= SIZE - 1);
     // copies text there when given. blockSignals masks all signals meanwhile.

@@ -1,32 +1,46 @@
-// The state files of the data directory, by name.
+// The state files of the data directory: each name, and the most of it that
+// is ever read (a file grown beyond that is read only that far).
 #pragma once
+#include <cstddef>
+
+#include "bounds.h"
+
+struct StateFileName {
+    const char* name;
+    size_t most;
+    constexpr operator const char*() const { return name; }
+};
 
 namespace StateFile {
-constexpr const char* HOST_NAME = "hostName.txt";        // the box's identity
-constexpr const char* DISPLAY_NAME = "displayName.txt";
-constexpr const char* ACCOUNT = "acct.txt";
-constexpr const char* SERVERS = "hosts.txt";              // destination list
-constexpr const char* RECEIVER = "receiver.txt";          // -r list, kept over refreshes
-constexpr const char* PORT = "port.txt";                  // service port
-constexpr const char* PINNED_CA = "sundel.crt";
-constexpr const char* API_PORT = "APIport.txt";
-constexpr const char* SCP_PORT = "scpPort.txt";
-constexpr const char* INTERNAL_IP = "internalIp.txt";
-constexpr const char* VIEWPOINT_DIR = "viewpointDir.txt";
-constexpr const char* PROGRAM_VERSION = "hubTalkVer.txt";
-constexpr const char* RECEIVER_VERSION = "storescpVer.txt";
-constexpr const char* DICTIONARY_VERSION = "dicomDicVer.txt";
-constexpr const char* SHUTDOWN = "SHUTDOWN.txt";
-constexpr const char* REGISTRATION_PENDING = "registrationPending.txt";
-constexpr const char* COMMAND_FAILURES = "ErrorFile.txt";
-constexpr const char* UPLOAD_FAILURES = "FileFailedCount.txt";
-constexpr const char* STDERR_LOG = "stderr.bc.txt";
-constexpr const char* FILE_ONLY = "fileOnly.txt";
+// the box's identity
+constexpr StateFileName HOST_NAME{"hostName.txt", Limits::IDENTITY_MOST};
+constexpr StateFileName DISPLAY_NAME{"displayName.txt", Limits::IDENTITY_MOST};
+constexpr StateFileName ACCOUNT{"acct.txt", Limits::IDENTITY_MOST};
+// destination list
+constexpr StateFileName SERVERS{"hosts.txt", Limits::SERVER_LIST_MOST};
+// -r list, kept over refreshes
+constexpr StateFileName RECEIVER{"receiver.txt", Limits::SERVER_LIST_MOST};
+// service port
+constexpr StateFileName PORT{"port.txt", Limits::PORT_MOST};
+constexpr StateFileName PINNED_CA{"sundel.crt", Limits::STATE_TEXT_MOST};
+constexpr StateFileName API_PORT{"APIport.txt", Limits::PORT_MOST};
+constexpr StateFileName SCP_PORT{"scpPort.txt", Limits::PORT_MOST};
+constexpr StateFileName INTERNAL_IP{"internalIp.txt", Limits::STATE_TEXT_MOST};
+constexpr StateFileName VIEWPOINT_DIR{"viewpointDir.txt", Limits::STATE_TEXT_MOST};
+constexpr StateFileName PROGRAM_VERSION{"hubTalkVer.txt", Limits::STATE_TEXT_MOST};
+constexpr StateFileName RECEIVER_VERSION{"storescpVer.txt", Limits::STATE_TEXT_MOST};
+constexpr StateFileName DICTIONARY_VERSION{"dicomDicVer.txt", Limits::STATE_TEXT_MOST};
+constexpr StateFileName SHUTDOWN{"SHUTDOWN.txt", Limits::STATE_TEXT_MOST};
+constexpr StateFileName REGISTRATION_PENDING{"registrationPending.txt", Limits::STATE_TEXT_MOST};
+constexpr StateFileName COMMAND_FAILURES{"ErrorFile.txt", Limits::STATE_TEXT_MOST};
+constexpr StateFileName UPLOAD_FAILURES{"FileFailedCount.txt", Limits::STATE_TEXT_MOST};
+constexpr StateFileName STDERR_LOG{"stderr.bc.txt", Limits::STATE_TEXT_MOST};
+constexpr StateFileName FILE_ONLY{"fileOnly.txt", Limits::STATE_TEXT_MOST};
 // Processing flags, set by the service's replies.
-constexpr const char* NO_PROCESSING = "noProcessing.txt";
-constexpr const char* OPTIMIZE_PIXEL = "optimizePixel.txt";
-constexpr const char* RETAIN_PIXEL = "retainPixel.txt";
-constexpr const char* STRICT_ANON = "strict_anon.txt";
-constexpr const char* ANON = "ANON.txt";
-constexpr const char* NON_STRICT = "NS.txt";
+constexpr StateFileName NO_PROCESSING{"noProcessing.txt", Limits::STATE_TEXT_MOST};
+constexpr StateFileName OPTIMIZE_PIXEL{"optimizePixel.txt", Limits::STATE_TEXT_MOST};
+constexpr StateFileName RETAIN_PIXEL{"retainPixel.txt", Limits::STATE_TEXT_MOST};
+constexpr StateFileName STRICT_ANON{"strict_anon.txt", Limits::STATE_TEXT_MOST};
+constexpr StateFileName ANON{"ANON.txt", Limits::STATE_TEXT_MOST};
+constexpr StateFileName NON_STRICT{"NS.txt", Limits::STATE_TEXT_MOST};
 }  // namespace StateFile

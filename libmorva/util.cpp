@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "chacha.h"
 #include "des.h"
@@ -186,34 +187,31 @@ char* b64decode(const char* text, int& lengthOut, int lengthIn) {
 
 namespace Util {
 
-char* encrypt(const char* text) {
-    if (!text || !*text) return cached("");
+std::string encipher(const char* text) {
+    if (!text || !*text) return "";
     Des des;
     int length = 0;
     char* cipher = des.Encrypt(text, (int)strlen(text), length, 1);
     char* code = encode(cipher, length);
-    char* result = cached(code);
+    std::string result = code;
     free(cipher);
     free(code);
     return result;
 }
 
-char* encrypt3(const char* text) {
-    if (!text || !*text) return cached("");
+std::string encipher3(const char* text) {
+    if (!text || !*text) return "";
     int length = 0;
     char* message = EncryptMorva::Encrypt(text, (int)strlen(text), length);
     char* code = encode(message, length);
-    size_t size = strlen(code) + 2;
-    char* result = InternalCache::getCacheReturn(nullptr, size, false);
-    result[0] = '~';
-    memcpy(result + 1, code, size - 1);
+    std::string result = std::string("~") + code;
     free(message);
     free(code);
     return result;
 }
 
-char* decrypt(const char* text) {
-    if (!text || !*text) return cached("");
+std::string decipher(const char* text) {
+    if (!text || !*text) return "";
     // decode works in place; the caller's text stays as it was.
     bool stream = text[0] == '~';
     char* copy = strdup(stream ? text + 1 : text);
@@ -227,11 +225,15 @@ char* decrypt(const char* text) {
         Des des;
         plain = des.Decrypt(bytes, length, 1, plainLength, true);
     }
-    char* result = cached(plain);
+    std::string result = plain ? plain : "";
     free(plain);
     free(bytes);
     free(copy);
     return result;
 }
+
+char* encrypt(const char* text) { return cached(encipher(text).c_str()); }
+char* encrypt3(const char* text) { return cached(encipher3(text).c_str()); }
+char* decrypt(const char* text) { return cached(decipher(text).c_str()); }
 
 }  // namespace Util

@@ -7,6 +7,7 @@
 //                 some (garbage) text, never as a fault.
 // Their results live in the InternalCache ring: use at once or copy; never free.
 #pragma once
+#include <string>
 
 // Streaming base64 core (standard alphabet, no line breaks). The encoder
 // carries the bytes of an unfinished 3-byte group, the decoder the bits of an
@@ -48,8 +49,12 @@ char* b64encode(const void* bytes, int length);
 char* b64decode(const char* text, int& lengthOut, int lengthIn = 0);
 
 namespace Util {
-// "" for a null or empty text.
+// "" for a null or empty text. These three put their result on the shared
+// ring; texts of any length use the std::string forms below.
 char* encrypt(const char* text);
 char* encrypt3(const char* text);
 char* decrypt(const char* text);
+std::string encipher(const char* text);
+std::string encipher3(const char* text);
+std::string decipher(const char* text);
 }

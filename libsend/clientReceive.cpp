@@ -9,7 +9,9 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <vector>
 
+#include "bounds.h"
 #include "linkUtil.h"
 #include "morvaAlarms.h"
 #include "sendFile.h"
@@ -47,10 +49,14 @@ std::string pushedName(const char* command) {
 
 char* SendFile::sendClientReceive(const char* command, int& status, ClientReceiveType type,
                                   Memory* mem) {
-    char* reply = sendCommand(command, status, false);
-    long long size = announcedSize(reply);
+    std::string reply = commandReply(command, status, false);
+    long long size = announcedSize(reply.c_str());
     if (size <= 0) {
         shutdown("Success", false);
+        return LinkUtil::handOver("error", mem);
+    }
+    if (type != ReceiveDicom && (unsigned long long)size > Limits::PUSHED_TEXT_MOST) {
+        shutdown("Pushed text longer than allowed", true);
         return LinkUtil::handOver("error", mem);
     }
     status = 1;
@@ -58,66 +64,51 @@ char* SendFile::sendClientReceive(const char* command, int& status, ClientReceiv
     if (!session) return LinkUtil::handOver("error", mem);
     TlsSession& tls = *session;
 
-    size_t chunk = size < 1048576 ? (size_t)size : 1048576;
-    unsigned char* buf = static_cast<unsigned char*>(malloc(chunk));
-    char* text = nullptr;
+    size_t chunk = size < (long long)Limits::TRANSFER_CHUNK ? (size_t)size : Limits::TRANSFER_CHUNK;
+    std::vector<unsigned char> buf(chunk);
+    // Grown as it arrives: an announced size is no promise.
+    std::string text;
     FILE* out = nullptr;
     std::string path;
     if (type == ReceiveDicom) {
         char pid[64];
         snprintf(pid, sizeof pid, "/CR.%u.%u.", (unsigned)getpid(), (unsigned)syscall(SYS_gettid));
         path = std::string(dataDir) + pid + pushedName(command);
-        out = fopen(path.c_str(), "wb");
+        out = fopen(path.c_str(), "wbe");
         if (!out) {
-            free(buf);
             std::string msg = "Generated File Name cannot be opened:  " + path;
             shutdown(msg.c_str(), &tls, true);
             return LinkUtil::handOver("error", mem);
         }
-    } else {
-        text = static_cast<char*>(malloc((size_t)size + 1));
-    }
-    if (!buf || (type != ReceiveDicom && !text)) {
-        free(buf);
-        free(text);
-        if (out) fclose(out);
-        shutdown("Incomplete Data Received", &tls, true);
-        return LinkUtil::handOver("error", mem);
     }
 
-    uint64_t ms = 60000 + (uint64_t)size / 10;
-    m_alarms->arm(alarmIndex, ms > UINT_MAX ? UINT_MAX : (unsigned)ms, sock);
+    m_alarms->arm(alarmIndex, Limits::transferMs((unsigned long long)size), sock);
     long long remaining = size;
     bool written = true;
     while (remaining > 0) {
         size_t want = remaining < (long long)chunk ? (size_t)remaining : chunk;
-        int n = tls.read(buf, want);
+        int n = tls.read(buf.data(), want);
         if (n <= 0) break;
         if (out) {
-            if (fwrite(buf, 1, (size_t)n, out) != (size_t)n) {
+            if (fwrite(buf.data(), 1, (size_t)n, out) != (size_t)n) {
                 written = false;
                 break;
             }
         } else {
-            memcpy(text + (size - remaining), buf, (size_t)n);
+            text.append(reinterpret_cast<char*>(buf.data()), (size_t)n);
         }
         remaining -= n;
         if (!socketOpen()) break;
     }
     m_alarms->disarm(alarmIndex);
-    free(buf);
     bool toFile = out != nullptr;
     if (toFile && fclose(out) != 0) written = false;
-    if (text) text[size - remaining] = '\0';
 
     if (remaining < 1 && written) {
         status = 0;
         shutdown("success", &tls, false);
-        char* result = LinkUtil::handOver(toFile ? path.c_str() : text, toFile ? nullptr : mem);
-        free(text);
-        return result;
+        return LinkUtil::handOver(toFile ? path.c_str() : text.c_str(), toFile ? nullptr : mem);
     }
-    free(text);
     shutdown("Incomplete Data Received", &tls, true);
     if (toFile) unlink(path.c_str());
     return LinkUtil::handOver("error", mem);

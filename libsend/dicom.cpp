@@ -5,7 +5,7 @@
 #include <cstring>
 
 char* getSopInstance(const char* path, char* out, int outSize) {
-    FILE* f = fopen(path, "rb");
+    FILE* f = fopen(path, "rbe");
     if (!f) return nullptr;
     char* found = nullptr;
     unsigned char magic[4];

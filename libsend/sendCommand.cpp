@@ -82,10 +82,9 @@ char* SendFile::sendACommand(const char* command, int& status, const char* dataD
     session.loadDests();
     char* reply;
     if (type == Command) {
-        reply = session.sendCommand(line.c_str(), status, true);
+        reply = session.sendCommand(line.c_str(), status, true, mem);
         if (verb && (!reply || !*reply))
             fprintf(stderr, "NULL Results from sendACommand/%s\n", line.c_str());
-        if (mem) reply = LinkUtil::handOver(reply, mem);
     } else {
         session.id = session.keep(readTrimmed(dataDir, StateFile::HOST_NAME));
         session.displayName = session.keep(readTrimmed(dataDir, StateFile::DISPLAY_NAME));

@@ -18,6 +18,7 @@
 
 #include "buildConfig.h"
 #include "files.h"
+#include "bounds.h"
 #include "linkUtil.h"
 #include "morvaAlarms.h"
 #include "morvaNet.h"
@@ -36,7 +37,6 @@ const char* const DEFAULT_HOST_PORT = "4443";
 
 namespace {
 
-const size_t CHUNK = 1048576;
 
 bool isRegularFile(const char* path) {
     struct stat st;
@@ -63,8 +63,8 @@ std::string decodeField(const char* text) {
 }
 
 // A state file's text trimmed on the right only ("" when missing).
-std::string readRightTrimmed(const char* dir, const char* name) {
-    char* text = readTxt(dir, name);
+std::string readRightTrimmed(const char* dir, const StateFileName& file) {
+    char* text = readTxt(dir, file.name, file.most);
     std::string out = rtrim(text);
     if (text != EMPTY_TEXT) free(text);
     return out;
@@ -95,7 +95,7 @@ SendFile::SendFile(const char* dir, const char* fileName, const char* remote, co
     remoteName = keep(remote ? remote : (fileName ? fileName : ""));
     markerName = keep(marker);
     std::string fa = a ? a : "", fb = b ? b : "";
-    if (!isRegularFile(filePath) || !(file = fopen(filePath, "rb"))) {
+    if (!isRegularFile(filePath) || !(file = fopen(filePath, "rbe"))) {
         fprintf(stderr, "FileName (%s) does not exist, aborting\n", filePath);
         fieldA = keep(fa.c_str());
         fieldB = keep(fb.c_str());
@@ -206,7 +206,7 @@ bool SendFile::connectSession() {
     CatchAlarm::install();
     m_alarms->forgetSocket(alarmIndex);
     auto openSocket = [this]() {
-        sock = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+        sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
         if (sock >= 0) Network::setSessionOptions(sock);
         m_alarms->forgetSocket(alarmIndex);
         return sock >= 0;
@@ -222,7 +222,7 @@ bool SendFile::connectSession() {
         return false;
     }
     for (int attempt = 0; attempt < 3; ++attempt) {
-        m_alarms->arm(alarmIndex, 60000, sock);
+        m_alarms->arm(alarmIndex, Limits::LINK_STEP_MS, sock);
         int rc = connect(sock, ai.result->ai_addr, ai.result->ai_addrlen);
         m_alarms->disarm(alarmIndex);
         if (rc == 0) return true;
@@ -246,6 +246,19 @@ bool SendFile::connectSession() {
         }
     }
     // Unconnected: the transport's first send fails and reports it.
+    return true;
+}
+
+bool SendFile::sendAll(const void* data, size_t length) {
+    const char* p = static_cast<const char*>(data);
+    while (length > 0) {
+        if (!socketOpen()) return false;
+        ssize_t n = ::send(sock, p, length, MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR && !m_alarms->fired(alarmIndex)) continue;  // a stray signal
+        if (n <= 0) return false;
+        p += n;
+        length -= (size_t)n;
+    }
     return true;
 }
 
@@ -274,7 +287,7 @@ std::unique_ptr<TlsSession> SendFile::keySession() {
     auto tls = std::make_unique<TlsSession>(this);
     int rc = tls->configurePsk(key);
     if (rc == 0) {
-        m_alarms->arm(alarmIndex, 60000, sock);
+        m_alarms->arm(alarmIndex, Limits::LINK_STEP_MS, sock);
         rc = tls->handshake();
         m_alarms->disarm(alarmIndex);
     }
@@ -298,12 +311,12 @@ bool SendFile::sendFile() {
     int off = 0;
     setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &off, sizeof off);
 
-    uint64_t ms = 60000 + (uint64_t)fileSize / 10;
-    m_alarms->arm(alarmIndex, ms > UINT_MAX ? UINT_MAX : (unsigned)ms, sock);
-    unsigned char* buffer = static_cast<unsigned char*>(malloc(CHUNK + 64));
+    m_alarms->arm(alarmIndex, Limits::transferMs((unsigned long long)fileSize), sock);
+    unsigned char* buffer = static_cast<unsigned char*>(malloc(Limits::TRANSFER_CHUNK + 64));
     int64_t sent = 0;
     while (sent < fileSize) {
-        size_t want = (size_t)(fileSize - sent < (int64_t)CHUNK ? fileSize - sent : (int64_t)CHUNK);
+        int64_t left = fileSize - sent;
+        size_t want = left < (int64_t)Limits::TRANSFER_CHUNK ? (size_t)left : Limits::TRANSFER_CHUNK;
         size_t got = fread(buffer, 1, want, file);
         if (got == 0) {
             free(buffer);
@@ -328,7 +341,7 @@ bool SendFile::sendFile() {
         if (socketOpen()) {
             unsigned left = m_alarms->getRemainingMs(alarmIndex);
             m_alarms->disarm(alarmIndex);
-            m_alarms->arm(alarmIndex, left + 60000, sock);
+            m_alarms->arm(alarmIndex, left + Limits::LINK_STEP_MS, sock);
         }
         rc = tls.read(confirm, 64);
     }

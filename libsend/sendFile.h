@@ -68,9 +68,16 @@ public:
     bool connectSession();
     // sendCommandCert or sendCommandClear by useCertTransport. readAll false:
     // only the first read of the reply, and the connection stays open.
-    char* sendCommand(const char* command, int& status, bool readAll);
-    char* sendCommandCert(const char* command, int& status, bool readAll);
-    char* sendCommandClear(const char* command, int& status, bool readAll);
+    // The reply (at most Limits::COMMAND_REPLY_MOST; longer is a failure)
+    // without surrounding white space, handed over once: to mem, else to the
+    // ring. "" on failure, with status 1.
+    char* sendCommand(const char* command, int& status, bool readAll, Memory* mem = nullptr);
+    std::string commandReply(const char* command, int& status, bool readAll);
+    std::string sendCommandCert(const char* command, int& status, bool readAll);
+    std::string sendCommandClear(const char* command, int& status, bool readAll);
+    // Writes all of it, through partial sends and stray signals; false when
+    // the socket failed or the watchdog ended the step.
+    bool sendAll(const void* data, size_t length);
     // Sends the command, expects "OK|<size>", receives size bytes over the
     // key session. Returns the text (ReceiveText) or the path of the written
     // file "<dataDir>/CR.<pid>.<tid>.<name>" (ReceiveDicom); "error" on any

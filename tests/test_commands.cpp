@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "bounds.h"
 #include "localServiceHarness.h"
 #include "sendFile.h"
 #include "testUtil.h"
@@ -73,11 +74,16 @@ TEST_F(Commands, MissingIdentityOrDisplayNameSendsNothing) {
     SendFile::sendLogMsg(dir(), status, "still sent", false, false);
     EXPECT_EQ(svc.commands(), std::vector<std::string>{"box7|LOG|msg|still sent"});
 
+    // A state file grown out of all measure is read only as far as its kind allows.
+    spit(data.file("hostName.txt"), std::string(2 << 20, 'h'));
+    SendFile::sendLogMsg(dir(), status, "long id", false, false);
+    EXPECT_EQ(lastCommand(), std::string(Limits::IDENTITY_MOST, 'h') + "|LOG|msg|long id");
+
     spit(data.file("hostName.txt"), "  \n");
     status = 0;
     EXPECT_EQ(std::string(SendFile::sendInitCommand(dir(), status, nullptr, false, false)), "");
     EXPECT_EQ(status, 1);
-    EXPECT_EQ(svc.commands().size(), 1u);
+    EXPECT_EQ(svc.commands().size(), 2u);
 }
 
 TEST_F(Commands, FailureCountWrittenBack) {

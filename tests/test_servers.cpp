@@ -12,6 +12,7 @@
 
 #include "localServiceHarness.h"
 #include "morvaNet.h"
+#include "process.h"
 #include "sendFile.h"
 #include "testUtil.h"
 
@@ -157,6 +158,23 @@ TEST_F(Refresh, ConnectFailsOverToTheLiveServer) {
         failed += status != 0;
     }
     EXPECT_EQ(failed, 0);
+}
+
+}  // namespace
+
+namespace {
+
+// Companion tools run through the shell while sessions are open on other
+// threads: they must inherit neither the connection nor the file it carries.
+TEST_F(Refresh, ToolsInheritNeitherSessionSocketsNorFiles) {
+    spit(data.file("upload.bin"), "payload");
+    SendFile upload(data.path().c_str(), "upload.bin", "upload.bin", "upload.bin", dir(), "a", "b",
+                    "box7", false);
+    upload.addDest("127.0.0.1", std::to_string(svc.port()).c_str(), "4443");
+    ASSERT_TRUE(upload.connectSession());
+    ASSERT_NE(upload.file, nullptr);
+    std::string check = "ls -l /proc/$$/fd | grep -e socket: -e upload.bin && exit 1; exit 0";
+    EXPECT_EQ(runBounded(check.c_str(), 10), 0) << "a descriptor was inherited";
 }
 
 }  // namespace

@@ -1,14 +1,25 @@
 // The pinned-certificate command transport and the clear transport against
 // the local service.
 #include <gtest/gtest.h>
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <csignal>
 #include <string>
+#include <thread>
 
+#include "bounds.h"
 #include "localServiceHarness.h"
+#include "memory.h"
+#include "morvaAlarms.h"
 #include "sendFile.h"
 #include "testUtil.h"
+#include "util.h"
 
 namespace {
 
@@ -21,8 +32,9 @@ protected:
         s.useCertTransport = cert;
         s.tripleKey = triple;
         s.addDest("127.0.0.1", std::to_string(svc.port()).c_str(), "4443");
-        return s.sendCommand(line.c_str(), status, readAll);
+        return s.sendCommand(line.c_str(), status, readAll, mem);
     }
+    Memory* mem = nullptr;
     void expectRefused(bool cert, const char* report) {
         int status = 0;
         std::string reply = "unset";
@@ -91,6 +103,92 @@ TEST_F(Tls, RefusedSessionsReturnNothingAndReport) {
     spit(data.file("sundel.crt"), slurp(pkiFile("ca.crt")));
     expectRefused(true, "Socket send of command start failed");
     expectRefused(false, "Socket send of plaintext/encrypted command failed");
+}
+
+// A long command reaches the service whole even when signals cut its send
+// short; replies are capped, and what is too long for the shared ring is
+// handed only to an arena.
+TEST_F(Tls, LongCommandsAndCappedReplies) {
+    // A peer with a tiny receive window keeps the send blocked, so the
+    // signals land in it; the peer answers only a command that came whole.
+    std::string longLine = "box7|LOG|msg|" + std::string(4 << 20, 'm');
+    std::string wire = Util::encipher((longLine + "|~~").c_str());
+    int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int small = 4096;
+    setsockopt(listener, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t alen = sizeof a;
+    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+    ASSERT_EQ(listen(listener, 1), 0);
+    getsockname(listener, reinterpret_cast<sockaddr*>(&a), &alen);
+    std::atomic<bool> done{false};
+    // A connect cut short by a signal is retried on a new connection.
+    std::thread peer([&] {
+        pollfd l{listener, POLLIN, 0};
+        while (!done) {
+            if (poll(&l, 1, 100) <= 0) continue;
+            int c = accept(listener, nullptr, nullptr);
+            std::string got;
+            char buf[4096];
+            pollfd p{c, POLLIN, 0};
+            while (got.size() < wire.size() && poll(&p, 1, 5000) > 0) {
+                ssize_t n = recv(c, buf, sizeof buf, 0);
+                if (n <= 0) break;
+                got.append(buf, (size_t)n);
+            }
+            if (got == wire) {
+                std::string answer = Util::encipher("got it");
+                ::send(c, answer.data(), answer.size(), MSG_NOSIGNAL);
+            }
+            close(c);
+        }
+    });
+    int status = 1;
+    std::string reply;
+    CatchAlarm::install();
+    std::thread sender([&] {
+        SendFile s(dir(), false, false);
+        s.useCertTransport = false;
+        s.addDest("127.0.0.1", std::to_string(ntohs(a.sin_port)).c_str(), "4443");
+        reply = s.sendCommand(longLine.c_str(), status, true);
+        done = true;
+    });
+    pthread_t target = sender.native_handle();
+    while (!done) {
+        pthread_kill(target, SIGUSR1);  // stray: the watchdog has not fired
+        usleep(200);
+    }
+    sender.join();
+    peer.join();
+    close(listener);
+    EXPECT_EQ(reply, "got it");
+
+    std::string tooLong(Limits::COMMAND_REPLY_MOST + 1, 'r');
+    std::string offRing(Limits::RING_TEXT_MOST + 1, 'q');
+    Memory arena;
+    struct Case {
+        const std::string& text;
+        Memory* mem;
+        const char* report;
+    } cases[] = {{tooLong, &arena, "Reply longer than allowed"},
+                 {offRing, nullptr, "Reply too long for the shared buffer"},
+                 {offRing, &arena, nullptr}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::to_string(c.text.size()) + (c.mem ? " into an arena" : " onto the ring"));
+        svc.setReply("LOG", c.text);
+        mem = c.mem;
+        for (bool cert : {true, false}) {
+            std::string err = stderrOf([&] { reply = send("box7|LOG|msg|x", status, true, cert); });
+            if (c.report) {
+                EXPECT_EQ(reply, "");
+                EXPECT_NE(err.find(c.report), std::string::npos) << err;
+            } else {
+                EXPECT_EQ(reply, c.text);
+            }
+        }
+    }
 }
 
 }  // namespace

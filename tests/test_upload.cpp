@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "bounds.h"
 #include "localServiceHarness.h"
 #include "process.h"
 #include "sendFile.h"
@@ -182,6 +183,15 @@ TEST_F(Upload, PushedText) {
     Memory mem;
     svc.setPushText("WORKLIST", "wl");
     EXPECT_EQ(std::string(SendFile::getWorklistResponse(dir(), "k=1", false, false, &mem)), "wl");
+
+    // Beyond the shared ring only into an arena; beyond the cap not at all.
+    std::string wide = pattern(Limits::RING_TEXT_MOST + 1000);
+    wide.erase(std::remove(wide.begin(), wide.end(), '\0'), wide.end());
+    svc.setPushText("WORKLIST", wide);
+    EXPECT_EQ(std::string(SendFile::getWorklistResponse(dir(), "k=1", false, false, &mem)), wide);
+    EXPECT_EQ(std::string(SendFile::getWorklistResponse(dir(), "k=1", false, false)), "");
+    svc.setPushText("WORKLIST", std::string(Limits::PUSHED_TEXT_MOST + 1, 'w'));
+    EXPECT_EQ(std::string(SendFile::getWorklistResponse(dir(), "k=1", false, false, &mem)), "");
 
     // No data announced: nothing to receive, no second handshake.
     svc.setPushText("WORKLIST", "");
