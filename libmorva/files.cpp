@@ -354,7 +354,7 @@ time_t getFileModTime(const char* dir, const char* name) {
 }
 
 bool isLocked(const char* path) {
-    int fd = path ? open(path, O_RDONLY) : -1;
+    int fd = path ? open(path, O_RDONLY | O_CLOEXEC) : -1;
     if (fd < 0) return false;
     bool locked = flock(fd, LOCK_EX | LOCK_NB) != 0;
     close(fd);

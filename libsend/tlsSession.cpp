@@ -3,7 +3,11 @@
 #include <cerrno>
 #include <cstring>
 #include <sys/socket.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
 
 #include <mbedtls/net_sockets.h>
 
@@ -107,11 +111,28 @@ int bioRecv(void* ctx, unsigned char* buf, size_t len) {
     return (int)n;
 }
 
-// The pinned authority is one certificate; the library would read whatever
-// the path names whole (a directory made it allocate without bound).
-bool readableCaFile(const char* path) {
+// The pinned authority is one certificate. It is read here, not by the
+// library: that would read whatever the path names whole (a directory made
+// it allocate without bound), through a descriptor a companion tool started
+// meanwhile would inherit. The text with its terminating zero, or "".
+std::string readCaFile(const char* path) {
+    int fd = path ? open(path, O_RDONLY | O_CLOEXEC) : -1;
+    if (fd < 0) return "";
     struct stat st;
-    return path && stat(path, &st) == 0 && S_ISREG(st.st_mode) && st.st_size <= Limits::CA_FILE_MOST;
+    std::string text;
+    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size <= Limits::CA_FILE_MOST) {
+        text.resize((size_t)st.st_size);
+        size_t got = 0;
+        while (got < text.size()) {
+            ssize_t n = read(fd, &text[got], text.size() - got);
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) break;
+            got += (size_t)n;
+        }
+        text.resize(got);
+    }
+    close(fd);
+    return text.empty() ? text : text + '\0';
 }
 
 bool again(int rc) {
@@ -155,8 +176,9 @@ static int commonSetup(TlsSession* t) {
 int TlsSession::configureCert(const char* caPath) {
     int rc = commonSetup(this);
     if (rc != 0) return rc;
-    if (!readableCaFile(caPath)) return MBEDTLS_ERR_X509_FILE_IO_ERROR;
-    rc = mbedtls_x509_crt_parse_file(&ca, caPath);
+    std::string pem = readCaFile(caPath);
+    if (pem.empty()) return MBEDTLS_ERR_X509_FILE_IO_ERROR;
+    rc = mbedtls_x509_crt_parse(&ca, reinterpret_cast<const unsigned char*>(pem.data()), pem.size());
     if (rc < 0) return rc;
     mbedtls_ssl_conf_authmode(&conf, MBEDTLS_SSL_VERIFY_REQUIRED);
     mbedtls_ssl_conf_ca_chain(&conf, &ca, nullptr);
