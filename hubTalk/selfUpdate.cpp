@@ -9,6 +9,7 @@
 
 #include "buildConfig.h"
 #include "exception.h"
+#include "bounds.h"
 #include "files.h"
 #include "process.h"
 #include "settings.h"
@@ -48,7 +49,7 @@ int download(const std::string& installDir, const char* path, const std::string&
     free(quotedTool);
     free(quotedUrl);
     free(quotedTarget);
-    int status = runBounded(command.c_str(), DOWNLOAD_TIMEOUT_S);
+    int status = runBounded(command.c_str(), Limits::DOWNLOAD_TIMEOUT_S);
     if (status == RUN_TIMED_OUT) logLine("Self-update: download did not finish in time");
     return status;
 }

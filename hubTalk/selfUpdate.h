@@ -6,8 +6,7 @@
 #pragma once
 #include <string>
 
-// A download still running after this is stopped and counts as failed.
-const unsigned DOWNLOAD_TIMEOUT_S = 600;
+// A download is bounded by Limits::DOWNLOAD_TIMEOUT_S.
 
 // Newest versions the service offers; "0" means none.
 struct OfferedVersions {

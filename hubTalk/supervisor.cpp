@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "exception.h"
+#include "bounds.h"
 #include "files.h"
 #include "process.h"
 #include "stateFiles.h"
@@ -71,14 +72,14 @@ void becomeWorker(const char* dir) {
     signal(SIGINT, SIG_IGN);
 }
 
-// Waits for the worker; once a stop was asked for, for STOP_GRACE_S at most
+// Waits for the worker; once a stop was asked for, for Limits::STOP_GRACE_S at most
 // before killing it.
 int waitWorker(pid_t pid) {
     int status = 0;
     while (waitpid(pid, &status, 0) != pid) {
         if (errno != EINTR) return 0;
         if (!stopRequested) continue;
-        if (waitChildFor(pid, STOP_GRACE_S, &status) != ChildWait::Running) return status;
+        if (waitChildFor(pid, Limits::STOP_GRACE_S, &status) != ChildWait::Running) return status;
         kill(pid, SIGKILL);
     }
     return status;
@@ -133,8 +134,8 @@ void daemonInit(const char* dir, bool daemonize) {
             rmFile(dir, StateFile::SHUTDOWN);
             exit(0);
         }
-        if (monotonicSeconds() - started < QUICK_EXIT_S)
-            delay = delay ? std::min(delay * 2, RESTART_DELAY_MOST_S) : 1;
+        if (monotonicSeconds() - started < Limits::QUICK_EXIT_S)
+            delay = delay ? std::min(delay * 2, Limits::RESTART_DELAY_MOST_S) : 1;
         else
             delay = 0;
         if (programReplaced()) startNewProgram();  // returns only when that failed

@@ -2,12 +2,7 @@
 // started again whenever it ends.
 #pragma once
 
-// A worker that ends sooner than this after its start is restarted only after
-// a pause, doubling from 1 s up to RESTART_DELAY_MOST_S while it keeps dying.
-const int QUICK_EXIT_S = 10;
-const int RESTART_DELAY_MOST_S = 60;
-// After SIGTERM the worker has this long before it is killed.
-const int STOP_GRACE_S = 10;
+// Restart pauses and the stop grace are in bounds.h (supervision).
 
 // Remembers how the program was started (before option parsing reorders
 // argv), so that the parent can start a replaced program file the same way.

@@ -67,6 +67,20 @@ constexpr unsigned int ACCEPT_SHORTAGE_PAUSE_MS = 100;
 // Longest sleep of a waiting thread before it looks again.
 constexpr unsigned int LISTENER_IDLE_MS = 1000;
 
+// ---- locks: attempts this far apart, then a fatal exception
+constexpr int LOCK_RETRIES = 1000;
+constexpr unsigned int LOCK_PAUSE_US = 100;
+
+// ---- supervision and updates
+// A worker that ends sooner than this after its start is restarted only after
+// a pause, doubling from 1 s up to RESTART_DELAY_MOST_S while it keeps dying.
+constexpr int QUICK_EXIT_S = 10;
+constexpr int RESTART_DELAY_MOST_S = 60;
+// After SIGTERM the worker has this long before it is killed.
+constexpr int STOP_GRACE_S = 10;
+// A download still running after this is stopped and counts as failed.
+constexpr unsigned int DOWNLOAD_TIMEOUT_S = 600;
+
 // ---- files
 constexpr size_t COPY_BUFFER = 1048576;
 // The most read of a state file: any, an identity (host name, display name,

@@ -2,17 +2,18 @@
 
 #include <unistd.h>
 
+#include "bounds.h"
 #include "exception.h"
 
 namespace {
-const int RETRIES = 1000;
-const useconds_t PAUSE_US = 100;
+using Limits::LOCK_PAUSE_US;
+using Limits::LOCK_RETRIES;
 
 template <typename F>
 int acquire(F tryOnce, const char* failure) {
     if (tryOnce() == 0) return 0;
-    for (int i = 0; i < RETRIES; ++i) {
-        usleep(PAUSE_US);
+    for (int i = 0; i < LOCK_RETRIES; ++i) {
+        usleep(LOCK_PAUSE_US);
         if (tryOnce() == 0) return 0;
     }
     throwFatal(failure);
