@@ -270,12 +270,14 @@ char* SendFile::sendAPICommand(const char* dataDir, const char* json, bool verb,
     std::string name = Box::plainName(readTrimmed(dataDir, StateFile::DISPLAY_NAME));
     std::string line = "API/" + id + "/" + name + "/1|" + type + "|" + j;
     int status = 1;
-    std::string r = sendLine(line, status, dataDir, verb, qu);
-    if (r.empty()) {
+    // The service's reply goes straight to the caller's arena: it may be
+    // longer than the shared ring takes.
+    char* r = sendACommand(line.c_str(), status, dataDir, verb, qu, Command, mem);
+    if (!*r) {
         sendIpsCommand(dataDir, verb, qu);
-        r = sendLine(line, status, dataDir, verb, qu);
+        r = sendACommand(line.c_str(), status, dataDir, verb, qu, Command, mem);
     }
-    return result(r.empty() ? "error" : r, mem);
+    return *r ? r : result("error", mem);
 }
 
 // ------------------------------------------------------------------ server list

@@ -6,6 +6,7 @@
 
 #include "bounds.h"
 #include "localServiceHarness.h"
+#include "memory.h"
 #include "sendFile.h"
 #include "testUtil.h"
 
@@ -112,16 +113,21 @@ TEST_F(Commands, ApiRetriesOnceAfterServerListRefresh) {
     EXPECT_EQ(c[0], "API/box7/Clinic One/1|share|" + json);
     EXPECT_EQ(c[1], "ips/box7");
     EXPECT_EQ(c[2], c[0]);
+    // Longer than the shared ring takes: whole, into the caller's arena.
+    std::string wide(2 * Limits::RING_TEXT_MOST, 'w');
+    svc.setReply("API.share", wide);
+    Memory arena;
+    EXPECT_EQ(std::string(SendFile::sendAPICommand(dir(), json.c_str(), false, true, &arena)), wide);
 
     svc.setReply("API", "");
     EXPECT_EQ(std::string(SendFile::sendAPICommand(dir(), "{\"request_type\":\"p\"}", false, true)),
               "error");
-    EXPECT_EQ(svc.commands().size(), 6u);
+    EXPECT_EQ(svc.commands().size(), 7u);
     // No request type, or no id: nothing is sent.
     EXPECT_EQ(std::string(SendFile::sendAPICommand(dir(), "{\"type\":\"x\"}", false, true)), "error");
     spit(data.file("hostName.txt"), "");
     EXPECT_EQ(std::string(SendFile::sendAPICommand(dir(), json.c_str(), false, true)), "error");
-    EXPECT_EQ(svc.commands().size(), 6u);
+    EXPECT_EQ(svc.commands().size(), 7u);
 }
 
 }  // namespace
