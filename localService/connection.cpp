@@ -92,6 +92,10 @@ void serveConnection(int fd, ServiceContext& context) {
         return;
     }
     if (!LocalIo::sendAll(fd, "OK", 2)) return;
+    if (faultOn(context.config, Fault::MuteAfterOk)) {
+        LocalIo::drainUntilClosed(fd);
+        return;
+    }
 
     auto session = std::make_unique<ServerTlsSession>(fd, context.random);
     Credentials& credentials = faultOn(context.config, Fault::ForeignCert) ? context.foreignCredentials

@@ -16,6 +16,7 @@ enum class Fault {
     StrayEnd,     // "strayEnd": the first session's own close notification precedes the key session
     OverPush,     // "overPush": pushed data runs on past the announced size
     KeyAlert,     // "keyAlert": the key session is refused with an alert, the connection held open
+    MuteAfterOk,  // "muteAfterOk": the start marker is acknowledged, then nothing more is said
 };
 
 // The fault's file name under "faults/" (the test harness shares it).
@@ -31,6 +32,7 @@ inline const char* faultName(Fault fault) {
     case Fault::StrayEnd: return "strayEnd";
     case Fault::OverPush: return "overPush";
     case Fault::KeyAlert: return "keyAlert";
+    case Fault::MuteAfterOk: return "muteAfterOk";
     }
     return "unknown";
 }
