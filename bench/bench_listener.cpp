@@ -1,5 +1,7 @@
 // Throughput and latency of the local request listener on loopback: ping
-// requests and MLLP messages from several client threads at once.
+// requests and MLLP messages from several client threads at once; then the
+// tokenizer on sharing documents, deep and wide, each size beside the one a
+// quarter of it (linear: four times the time).
 // Usage: bench_listener [clients] [requests per client] [worker threads]
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -17,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "jsn.h"
 #include "listener.h"
 #include "settings.h"
 #include "testUtil.h"
@@ -84,6 +87,41 @@ std::string hl7Message(int, int) {
            "|P|2.4\rPID|1||4711||Doe^Jane\rOBR|1||ACC1|US^Ultrasound\rOBX|1|TX|||Normal findings\r\x1c\r";
 }
 
+// A sharing document of about kb KiB: half nesting, half a list of studies.
+std::string sharingDocument(size_t kb) {
+    size_t depth = kb * 256;
+    std::string doc = R"({"request_type": "sharing", "nest": )" + std::string(depth, '[') + "7" +
+                      std::string(depth, ']') + R"(, "studies": [)";
+    for (int i = 0; doc.size() < kb * 1024; i++)
+        doc += std::string(i ? "," : "") + R"({"uid": "1.2.)" + std::to_string(i) + R"(", "n": [1, 2]})";
+    return doc + "]}";
+}
+
+// Best of five parses, in milliseconds.
+double parseMs(std::string& doc) {
+    double best = 1e9;
+    for (int i = 0; i < 5; i++) {
+        auto t0 = Clock::now();
+        JsnParser parser(&doc[0], static_cast<int>(doc.size()));
+        double ms = std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
+        if (parser.failed) return -1;
+        best = std::min(best, ms);
+    }
+    return best;
+}
+
+void tokenizer() {
+    double previous = 0;
+    for (size_t kb : {100, 400, 1600}) {
+        std::string doc = sharingDocument(kb);
+        double ms = parseMs(doc);
+        printf("jsn    sharing document %5zu KiB  parse %8.2f ms", kb, ms);
+        if (previous > 0) printf("  %.1f times the quarter size", ms / previous);
+        printf("\n");
+        previous = ms;
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -112,5 +150,6 @@ int main(int argc, char** argv) {
         run("ping", PORT, c, perClient, ping, "success");
         run("mllp", PORT, c, perClient, hl7Message, "MSA|AA|B");
     }
+    tokenizer();
     return 0;
 }

@@ -9,7 +9,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <string>
 
 #include "exception.h"
@@ -23,21 +22,6 @@
 #include "stateFiles.h"
 
 namespace {
-
-// A sharing document beyond this is not a request but an attack.
-const unsigned int MAX_SHARING_DOCUMENT = 16 * 1024 * 1024;
-
-// Only a closing quote or bracket can complete a document that did not parse
-// yet, so other chunks are not worth a new parse of the whole text.
-bool mayComplete(const char* bytes, ssize_t n) {
-    for (ssize_t i = 0; i < n; i++)
-        if (bytes[i] == '}' || bytes[i] == ']' || bytes[i] == '"') return true;
-    return false;
-}
-
-std::unique_ptr<JsnParser> parse(const GrowingString& text) {
-    return std::make_unique<JsnParser>(const_cast<char*>(text.data()), static_cast<int>(text.length()));
-}
 
 void finish(ListenerConnection& conn) {
     conn.close();
@@ -83,47 +67,17 @@ bool fromLoopback(int fd, char* peer, size_t size) {
     return false;
 }
 
-// A sharing document, the only request allowed to span several receives.
-bool isSharingDocument(const char* text) { return strstr(text, "\"sharing\"") != nullptr; }
-
 }  // namespace
 
-void handleApiRequest(ListenerConnection& conn, char* first, int n) {
-    blankZeros(first, n);
-    GrowingString whole;
-    char* request = first;
-    auto parser = std::make_unique<JsnParser>(first, n);
-
-    if (parser->failed && isSharingDocument(first)) {
-        whole.add(first, n);
-        Memory arena;
-        char* buf = static_cast<char*>(arena.malloc(LISTENER_BUFFER));
-        bool parsedLatest = true;
-        // One deadline for the whole document, not one per part.
-        conn.arm(LISTENER_TIMEOUT_MS);
-        while (whole.length() < MAX_SHARING_DOCUMENT) {
-            ssize_t got = conn.receive(buf, LISTENER_BUFFER);
-            if (got <= 0) break;
-            blankZeros(buf, got);
-            whole.add(buf, static_cast<int>(got));
-            parsedLatest = false;
-            if (!mayComplete(buf, got)) continue;
-            parser = parse(whole);
-            parsedLatest = true;
-            if (!parser->failed) break;
-        }
-        conn.disarm();
-        if (!parsedLatest) parser = parse(whole);
-        request = const_cast<char*>(whole.data());
-    }
-
-    if (parser->failed) {
+bool answerApiRequest(ListenerConnection& conn, char* text, int n) {
+    JsnParser parser(text, n);
+    if (parser.failed) {
         conn.send("error");
         finish(conn);
-        return;
+        return true;
     }
 
-    const char* type = parser->getString(0, "request_type", 0);
+    const char* type = parser.getString(0, "request_type", 0);
     if (strcasecmp(type, "shutdown") == 0) {
         char peer[INET6_ADDRSTRLEN];
         if (!fromLoopback(conn.fd, peer, sizeof peer)) {
@@ -132,7 +86,7 @@ void handleApiRequest(ListenerConnection& conn, char* first, int n) {
             logLine(line);
             conn.send("error");
             finish(conn);
-            return;
+            return true;
         }
         writeTxt(dataDir, StateFile::SHUTDOWN, "done");
         conn.send("success");
@@ -144,10 +98,15 @@ void handleApiRequest(ListenerConnection& conn, char* first, int n) {
     if (strcasecmp(type, "ping") == 0) {
         conn.send("success");
         conn.close();
-        return;
+        return true;
     }
-    if (strcasecmp(type, "DICOM send") == 0) {
-        std::string file = exportFileOf(request);
+    return false;
+}
+
+void relayApiRequest(ListenerConnection& conn, char* text, int n) {
+    JsnParser parser(text, n);
+    if (strcasecmp(parser.getString(0, "request_type", 0), "DICOM send") == 0) {
+        std::string file = exportFileOf(text);
         if (file.empty() && !QUIET) logLine("DICOM send refused: not a file in the export directory");
         int rc = file.empty() ? 1 : SendFile::sendAFile(file.c_str(), "Export", "Export", dataDir, QUIET);
         conn.send(rc == 0 ? "success" : "failure");
@@ -156,7 +115,7 @@ void handleApiRequest(ListenerConnection& conn, char* first, int n) {
     }
 
     Memory arena;
-    const char* reply = SendFile::sendAPICommand(dataDir, request, VERBOSE, QUIET, &arena);
+    const char* reply = SendFile::sendAPICommand(dataDir, text, VERBOSE, QUIET, &arena);
     bool failed = !reply || !*reply || strcasecmp(reply, "error") == 0;
     conn.send(reply && *reply ? reply : "error");
     if (failed) {

@@ -13,12 +13,18 @@
 //                                connection closes, a heartbeat so that the
 //                                service can set the agent right
 //   not JSON                  -> "error"
-// Request types match without regard to case.
+// Request types match without regard to case. Only a sharing document (one
+// whose first receive names "sharing" in quotes) may take more than one
+// receive; the listener reads it until its brackets balance.
 #pragma once
 
 struct ListenerConnection;
 
-// Serves one request whose first receive (n bytes, NUL-terminated) is in
-// first, and closes the connection. Only a sharing document may continue
-// beyond the first receive.
-void handleApiRequest(ListenerConnection& conn, char* first, int n);
+// Answers, and closes the connection on, what needs nothing beyond this
+// machine: "ping", "shutdown" and text that is not JSON. Returns false with
+// the connection untouched for a request that waits on the service or an
+// upload; relayApiRequest serves those. text (n bytes, zero bytes blanked,
+// NUL-terminated) is the whole request.
+bool answerApiRequest(ListenerConnection& conn, char* text, int n);
+// Serves a request that answerApiRequest left, and closes the connection.
+void relayApiRequest(ListenerConnection& conn, char* text, int n);

@@ -19,8 +19,6 @@ namespace {
 
 const char START_BYTE = 0x0B;
 const char END_BYTE = 0x1C;
-// A frame that grows beyond this without its end byte is cut short there.
-const unsigned int MAX_FRAME = 16 * 1024 * 1024;
 const size_t MAX_ID_IN_NAME = 64;
 // One control ID may come thousands of times: after this many taken names
 // "<id>.<0..999>.hl7" the number is drawn from all 32 bits.
@@ -30,11 +28,6 @@ const unsigned int NARROW_NAME_RANGE = 1000;
 const int MAX_NAME_DRAWS = 32;
 const char* const REJECTED_DIR = "rejected";
 const mode_t DIR_MODE = 0775;
-
-void appendBlanked(GrowingString& out, char* bytes, ssize_t n) {
-    blankZeros(bytes, n);
-    out.add(bytes, static_cast<int>(n));
-}
 
 bool safeNameByte(unsigned char c) {
     return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' ||
@@ -139,24 +132,8 @@ bool serveFrame(ListenerConnection& conn, char* frame, bool complete, Memory& ar
 
 }  // namespace
 
-void handleHl7Request(ListenerConnection& conn, char* first, int n) {
+void handleHl7Request(ListenerConnection& conn, char* message, int, bool complete) {
     Memory arena;
-    GrowingString text;
-    appendBlanked(text, first, n);
-
-    // Receiving stops at the first chunk holding an end byte.
-    bool complete = memchr(first, END_BYTE, static_cast<size_t>(n)) != nullptr;
-    char* buf = static_cast<char*>(arena.malloc(LISTENER_BUFFER));
-    conn.arm(LISTENER_TIMEOUT_MS);
-    while (!complete && text.length() < MAX_FRAME) {
-        ssize_t got = conn.receive(buf, LISTENER_BUFFER);
-        if (got <= 0) break;
-        appendBlanked(text, buf, got);
-        complete = memchr(buf, END_BYTE, static_cast<size_t>(got)) != nullptr;
-    }
-    char* message = text.get(&arena);
-    conn.disarm();
-
     if (!complete) {
         serveFrame(conn, message, false, arena);
         conn.close();

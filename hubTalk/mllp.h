@@ -22,6 +22,7 @@
 
 struct ListenerConnection;
 
-// Serves the frames whose first receive (n bytes, starting with 0x0B) is in
-// first, and closes the connection.
-void handleHl7Request(ListenerConnection& conn, char* first, int n);
+// Serves the frames in message (n bytes from 0x0B on, zero bytes blanked,
+// NUL-terminated), complete when a received piece held 0x1C, and closes the
+// connection.
+void handleHl7Request(ListenerConnection& conn, char* message, int n, bool complete);

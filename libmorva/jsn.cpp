@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 namespace {
 const int TOKEN_STEP = 512;
@@ -39,7 +40,8 @@ JsnParser::~JsnParser() { ::free(m_tokens); }
 
 int JsnParser::appendToken(int type, int start, int end) {
     if (m_count + 1 >= m_capacity) {
-        m_capacity += TOKEN_STEP;
+        // Doubling: growing by a fixed step would copy the table once per step.
+        m_capacity += m_capacity > TOKEN_STEP ? m_capacity : TOKEN_STEP;
         m_tokens = (JsnToken*)::realloc(m_tokens, sizeof(JsnToken) * m_capacity);
     }
     JsnToken& t = m_tokens[m_count];
@@ -55,6 +57,10 @@ int JsnParser::parse() {
     while (m_pos < length && isspace((unsigned char)text[m_pos])) m_pos++;
     if (m_pos >= length || text[m_pos] != '{') return -3;
 
+    // The objects and arrays not yet closed, innermost last. A closing
+    // bracket belongs to the innermost one: it is the first open token met
+    // walking up from the last token, found here without the walk.
+    std::vector<int> open;
     for (; m_pos < length && text[m_pos] != '\0'; m_pos++) {
         char c = text[m_pos];
         switch (c) {
@@ -66,25 +72,19 @@ int JsnParser::parse() {
                 m_tokens[i].parent = m_parent;
             }
             m_parent = i;
+            open.push_back(i);
             break;
         }
         case '}':
         case ']': {
             if (m_count < 2) return -2;
-            int type = c == '}' ? JSN_OBJECT : JSN_ARRAY;
-            int i = m_count - 1;
-            for (;;) {
-                JsnToken& t = m_tokens[i];
-                if (t.start != -1 && t.end == -1) {
-                    if (t.type != type) return -2;
-                    t.end = (int)m_pos + 1;
-                    m_parent = t.parent;
-                    break;
-                }
-                // Closed everything up to the top: a stray bracket is ignored.
-                if (t.parent == -1) break;
-                i = t.parent;
-            }
+            // Everything is closed: a stray bracket is ignored.
+            if (open.empty()) break;
+            JsnToken& t = m_tokens[open.back()];
+            if (t.type != (c == '}' ? JSN_OBJECT : JSN_ARRAY)) return -2;
+            t.end = (int)m_pos + 1;
+            m_parent = t.parent;
+            open.pop_back();
             break;
         }
         case '"': {
@@ -112,9 +112,7 @@ int JsnParser::parse() {
             break;
         }
     }
-    for (int i = 0; i < m_count; i++)
-        if (m_tokens[i].start != -1 && m_tokens[i].end == -1) return -3;
-    return 0;
+    return open.empty() ? 0 : -3;
 }
 
 int JsnParser::parseString() {
@@ -304,4 +302,83 @@ char* JsnParser::copyText0(const char* s) {
     char* out = (char*)malloc(n);
     memcpy(out, s, n);
     return out;
+}
+
+// ------------------------------------------------------------------ balance
+
+void JsnBalance::add(const char* bytes, size_t n) {
+    for (size_t i = 0; i < n && m_state != State::Ended && m_state != State::Hopeless; i++) step(bytes[i]);
+}
+
+void JsnBalance::step(char c) {
+    switch (m_state) {
+    case State::Before:
+        if (isspace((unsigned char)c)) return;
+        m_state = c == '{' ? State::Between : State::Hopeless;
+        m_depth = 1;
+        return;
+    case State::Word:
+        // A bare word runs on over brackets and quotes.
+        if (c != '\0' && c != '\t' && c != '\n' && c != '\r' && c != ' ' && c != ',' && c != ':' && c != ']' &&
+            c != '}')
+            return;
+        m_state = State::Between;
+        break;  // the delimiter counts as it does between tokens
+    case State::String:
+        if (c == '"') m_state = State::Between;
+        if (c == '\\') m_state = State::Escape;
+        if (c == '\0') m_state = State::Hopeless;
+        return;
+    case State::Escape:
+        m_state = strchr("\"/\\bfrnt", c) && c ? State::String : c == 'u' ? State::Hex : State::Hopeless;
+        m_left = 4;
+        return;
+    case State::Hex:
+        if (!isHex(c)) {
+            m_state = State::Hopeless;
+            return;
+        }
+        if (--m_left == 0) {
+            m_state = State::Skip;
+            m_left = 2;
+        }
+        return;
+    case State::Skip:
+        if (--m_left == 0) m_state = State::String;
+        return;
+    case State::Between:
+    case State::Ended:
+    case State::Hopeless:
+        break;
+    }
+    switch (c) {
+    case '{':
+    case '[':
+        m_depth++;
+        break;
+    case '}':
+    case ']':
+        if (m_depth > 0) m_depth--;
+        break;
+    case '"':
+        m_state = State::String;
+        break;
+    case '\0':
+        m_state = State::Ended;
+        break;
+    case '\t':
+    case '\n':
+    case '\r':
+    case ' ':
+    case ':':
+    case ',':
+        break;
+    default:
+        m_state = State::Word;
+        break;
+    }
+}
+
+bool JsnBalance::mayParse() const {
+    return m_depth == 0 && (m_state == State::Between || m_state == State::Word || m_state == State::Ended);
 }

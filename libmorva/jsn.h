@@ -1,8 +1,11 @@
-// One-pass JSON tokenizer. The text is neither copied nor decoded: tokens are
-// offsets into the caller's text, which must outlive the parser. Every value
-// handed out is a NUL-terminated copy in the parser's own arena, valid until
-// the parser is destroyed. Lenient by design; its quirks are relied upon.
+// One-pass JSON tokenizer, linear in the text. The text is neither copied nor
+// decoded: tokens are offsets into the caller's text, which must outlive the
+// parser. Every value handed out is a NUL-terminated copy in the parser's own
+// arena, valid until the parser is destroyed. Lenient by design; its quirks
+// are relied upon.
 #pragma once
+#include <cstddef>
+
 #include "memory.h"
 
 struct JsnToken {
@@ -71,4 +74,27 @@ private:
     int m_capacity;
     JsnToken* m_tokens;
     int m_result;
+};
+
+// Follows a document arriving piece by piece, reading it as JsnParser does
+// (strings with their escapes and the two bytes passed over after a "\u"
+// escape, bare words that take in brackets and quotes, the end at a NUL), so
+// that a receiver parses the whole text only when it can be complete.
+// Constant memory and time per byte; the pieces are not kept.
+class JsnBalance {
+public:
+    void add(const char* bytes, size_t n);
+    // False while JsnParser would still answer -3 (incomplete) for the text so
+    // far; true for every text that it parses.
+    bool mayParse() const;
+    // JsnParser can never parse this text, whatever follows.
+    bool hopeless() const { return m_state == State::Hopeless; }
+
+private:
+    enum class State : unsigned char { Before, Between, Word, String, Escape, Hex, Skip, Ended, Hopeless };
+    void step(char c);
+
+    State m_state = State::Before;
+    int m_left = 0;       // hex digits or bytes to pass over still due
+    size_t m_depth = 0;   // open objects and arrays
 };

@@ -5,6 +5,7 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "jsn.h"
@@ -23,128 +24,104 @@ struct Doc {
     JsnParser* operator->() { return p.get(); }
 };
 
-TEST(Jsn, DocumentShapeQuirks) {
-    Doc empty("{}");
-    EXPECT_EQ(-2, empty->result());
-    EXPECT_TRUE(empty->failed);
-
-    Doc nested("{\"a\":{}}");
-    EXPECT_EQ(0, nested->result());
-    EXPECT_EQ(3, nested->tokenCount());
-    EXPECT_STREQ("{}", nested->getFullObject(0, "a", 0));
-
-    Doc array("  [1,2]");
-    EXPECT_EQ(-3, array->result());
-    EXPECT_EQ(0, array->tokenCount());
-
-    Doc unclosed("{\"a\":1, \"b\":{\"c\":2}");
-    EXPECT_EQ(-3, unclosed->result());
-    EXPECT_TRUE(unclosed->failed);
-    EXPECT_EQ(1, unclosed->getInt(0, "a", 0));  // tokens made before the failure still answer
-
-    EXPECT_EQ(-2, Doc("{\"a\":[1}")->result());
-    // The length and an embedded NUL both end the text.
-    Doc cut("{\"a\":12345}", 7);
-    EXPECT_EQ(-3, cut->result());
-    EXPECT_STREQ("12", cut->getString(0, "a", 0));
-    Doc nul(std::string("{\"a\":1}\0{\"b\":2}", 15));
-    EXPECT_EQ(0, nul->result());
-    EXPECT_EQ(0, nul->getInt(0, "b", 0));
-
-    Doc spaced(" \n\t{\"o\":{\"n\":true}}");
-    EXPECT_EQ(0, spaced->result());
-    EXPECT_TRUE(spaced->getBool(spaced->getObject(0, "o", 0), "n", 0));
-}
-
-TEST(Jsn, StringEscapes) {
-    // The two bytes after a complete \u escape are never looked at, so the
-    // closing quote right after one is missed and the string runs on.
-    Doc skip("{\"k\":\"\\u0041\"xy\", \"n\":1}");
-    EXPECT_EQ(0, skip->result());
-    EXPECT_STREQ("\\u0041\"xy", skip->getString(0, "k", 0));
-    EXPECT_EQ(1, skip->getInt(0, "n", 0));
-
-    Doc kept("{\"k\":\"a\\u0041bcd\",\"e\":\"x\\\"y\\n\"}");
-    EXPECT_STREQ("a\\u0041bcd", kept->getString(0, "k", 0));
-    EXPECT_STREQ("x\\\"y\\n", kept->getString(0, "e", 0));
-
+TEST(Jsn, ResultsAndQuirks) {
+    struct Case {
+        std::string text;
+        int result;
+        int tokens;  // -1: not checked
+    } cases[] = {
+        {"{}", -2, -1},                 // a lone empty object fails, as required
+        {"{\"a\":{}}", 0, 3},           // three tokens exist before the inner close
+        {"  [1,2]", -3, 0},             // only an object may start a document
+        {"{\"a\":[1}", -2, -1},         // the bracket must match the innermost open one
+        {"{\"a\":1}]} ", 0, 3},         // brackets beyond the document are ignored
+        {"{\"k\":\"abc", -3, -1},       // unclosed string
+        {"{\"k\":\"\\u00G1\"}", -2, -1},
+        {" \n\t{\"o\":{\"n\":true}}", 0, 5},
+        {"{\"a\":1, \"b\":{\"c\":2}", -3, 7},
+        {std::string("{\"a\":1}\0{\"b\":2}", 15), 0, 3},  // a NUL ends the text
+    };
+    for (const Case& c : cases) {
+        Doc d(c.text);
+        EXPECT_EQ(c.result, d->result()) << c.text;
+        EXPECT_EQ(c.result != 0, d->failed) << c.text;
+        EXPECT_TRUE(c.tokens < 0 || c.tokens == d->tokenCount()) << c.text;
+    }
+    // Tokens made before a failure still answer.
+    EXPECT_EQ(1, Doc("{\"a\":1, \"b\":{\"c\":2}")->getInt(0, "a", 0));
+    // So does the length.
+    EXPECT_STREQ("12", Doc("{\"a\":12345}", 7)->getString(0, "a", 0));
     testing::internal::CaptureStderr();
-    Doc bad("{\"k\":\"\\q\"}");
+    EXPECT_EQ(-2, Doc("{\"k\":\"\\q\"}")->result());
     EXPECT_EQ("JSON parse error - backslash problem\n", testing::internal::GetCapturedStderr());
-    EXPECT_EQ(-2, bad->result());
-    EXPECT_EQ(-2, Doc("{\"k\":\"\\u00G1\"}")->result());
-    EXPECT_EQ(-3, Doc("{\"k\":\"abc")->result());
 }
 
-TEST(Jsn, KeyedLookups) {
-    Doc d("{\"s\":\"text\",\"i\":-42,\"f\":2.5,\"t\":True,\"b\":false,\"n\":null,"
-          "\"o\":{\"x\":7,\"y\":\"in\"},\"a\":\"first\",\"ab\":\"second\"}");
+TEST(Jsn, DeepNestingClosesWhereItOpened) {
+    const int depth = 100000;  // also far more tokens than the initial table
+    std::string text = "{\"a\":" + std::string(depth, '[') + "{\"x\":1}" + std::string(depth, ']') + ",\"b\":2}";
+    Doc d(text);
     ASSERT_EQ(0, d->result());
-    EXPECT_STREQ("text", d->getString(0, "s", 0));
-    EXPECT_STREQ("null", d->getString(0, "n", 0));
+    EXPECT_EQ(2, d->getInt(0, "b", 0));
+    EXPECT_EQ(text.substr(5, text.size() - 12), d->getFullArray(0, "a", 0));
+    EXPECT_EQ(static_cast<int>(text.size()) - 7 - depth / 2, d->token(2 + depth / 2).end);
+    EXPECT_EQ(-2, Doc("{\"a\":" + std::string(depth, '[') + "}")->result());
+}
+
+TEST(Jsn, Lookups) {
+    Doc d(R"({"s":"text","i":-42,"f":2.5,"t":True,"b":false,"n":null,"o":{"x":7,"y":"in"},)"
+          R"("arr":[1,{"y":2},{"y":3}],"a":"first","ab":"second","k":["a","b"],"m":[1,2],"e":"\u0041"xy","q":"x\"y\n",)"
+          R"("l":[9],"l":[1,2,3]})");
+    ASSERT_EQ(0, d->result());
+    // Exact keys; array elements counted from 1; primitives and strings only;
+    // the two bytes after a \u escape passed over, escapes kept.
+    const std::vector<std::tuple<const char*, int, const char*>> strings = {
+        {"s", 0, "text"}, {"n", 0, "null"}, {"o", 0, ""},         {"missing", 0, ""},       {"ab", 0, "second"},
+        {"k", 1, "a"},    {"k", 2, "b"},    {"k", 0, ""},         {"e", 0, "\\u0041\"xy"}, {"q", 0, "x\\\"y\\n"}};
+    for (const auto& [key, index, expected] : strings) EXPECT_STREQ(expected, d->getString(0, key, index)) << key;
+    // Numeric accessors count array elements from 0 and take primitives only.
     EXPECT_EQ(-42, d->getInt(0, "i", 0));
+    EXPECT_EQ(2, d->getInt(0, "m", 1));
+    EXPECT_EQ(0, d->getInt(0, "m", 2));
+    EXPECT_EQ(0, d->getInt(0, "s", 0));
     EXPECT_DOUBLE_EQ(2.5, d->getFloat(0, "f", 0));
     EXPECT_TRUE(d->getBool(0, "t", 0));
     EXPECT_FALSE(d->getBool(0, "b", 0));
-    EXPECT_EQ(0, d->getInt(0, "s", 0));  // numeric accessors take primitives only
-    EXPECT_STREQ("", d->getString(0, "o", 0));
-    EXPECT_STREQ("", d->getString(0, "missing", 0));
-    // Exact keys for values, prefix keys for objects.
-    EXPECT_STREQ("second", d->getString(0, "ab", 0));
+    // Objects by prefix keys; only direct children of the parent count.
     int o = d->getObject(0, "o", 0);
-    ASSERT_GT(o, 0);
     EXPECT_EQ(7, d->getInt(o, "x", 0));
     EXPECT_STREQ("in", d->getString(o, "y", 0));
-    EXPECT_EQ(0, d->getInt(0, "x", 0));  // only direct children of the parent count
+    EXPECT_EQ(0, d->getInt(0, "x", 0));
     EXPECT_EQ(d->getObject(0, "a", 0), d->getObject(0, "ab", 0));
     EXPECT_EQ(-1, d->getObject(0, "zz", 0));
-}
-
-TEST(Jsn, ArrayIndexing) {
-    // getString counts elements from 1, the numeric accessors from 0.
-    Doc strings("{\"k\":[\"a\",\"b\"]}");
-    EXPECT_STREQ("a", strings->getString(0, "k", 1));
-    EXPECT_STREQ("b", strings->getString(0, "k", 2));
-    EXPECT_STREQ("", strings->getString(0, "k", 0));
-    Doc numbers("{\"k\":[1,2]}");
-    EXPECT_EQ(2, numbers->getInt(0, "k", 1));
-    EXPECT_EQ(0, numbers->getInt(0, "k", 2));
-
-    Doc objs("{\"arr\":[1,{\"y\":2},{\"y\":3}]}");
-    EXPECT_EQ(-1, objs->getObject(0, "arr", 0));
-    EXPECT_EQ(-1, objs->getObject(0, "arr", 1));  // element 1 is a number
-    EXPECT_EQ(2, objs->getInt(objs->getObject(0, "arr", 2), "y", 0));
-    EXPECT_EQ(3, objs->getInt(objs->getObject(0, "arr", 3), "y", 0));
-    EXPECT_EQ(-1, objs->getObject(0, "arr", 4));
-
-    // More tokens than the initial table holds.
-    std::string big = "{\"k\":[0";
-    for (int i = 1; i < 2000; i++) big += "," + std::to_string(i);
-    Doc many(big + "]}");
-    ASSERT_EQ(0, many->result());
-    EXPECT_EQ(2000, many->getArrayNum(0, "k", 0));
-    EXPECT_EQ(1999, many->getInt(0, "k", 1999));
-}
-
-TEST(Jsn, RawTextCopies) {
-    Doc d("{\"o\":{\"x\":[1]},\"s\":\"str\",\"arr\":[1,{\"y\":2}],\"a\":[9],\"a\":[1,2,3]}");
-    ASSERT_EQ(0, d->result());
-    EXPECT_STREQ("{\"x\":[1]}", d->getFullObject(0, "o", 0));
-    EXPECT_STREQ("\"str\"", d->getFullObject(0, "s", 0));
+    for (int index : {0, 1, 4}) EXPECT_EQ(-1, d->getObject(0, "arr", index)) << index;  // element 1 is a number
+    EXPECT_EQ(3, d->getInt(d->getObject(0, "arr", 3), "y", 0));
+    // Raw text: string values keep their quotes; defaults "{ }" and "[ ]".
+    EXPECT_STREQ("{\"x\":7,\"y\":\"in\"}", d->getFullObject(0, "o", 0));
+    EXPECT_STREQ("\"text\"", d->getFullObject(0, "s", 0));
     EXPECT_STREQ("{\"y\":2}", d->getFullObject(0, "arr", 2));
-    EXPECT_STREQ("{ }", d->getFullObject(0, "nothing", 0));
-    EXPECT_STREQ("[1,{\"y\":2}]", d->getFullArray(0, "arr", 0));
+    EXPECT_STREQ("{ }", d->getFullObject(0, "zz", 0));
+    EXPECT_STREQ("[1,{\"y\":2},{\"y\":3}]", d->getFullArray(0, "arr", 0));
     EXPECT_STREQ("[ ]", d->getFullArray(0, "o", 0));
     // The index picks among keys that are a prefix of the one asked for.
-    EXPECT_EQ(1, d->getArrayNum(0, "a", 0));
-    EXPECT_STREQ("[1,2,3]", d->getFullArray(0, "a", 1));
-    EXPECT_STREQ("[ ]", d->getFullArray(0, "a", 2));
-    EXPECT_EQ(2, d->getArrayNum(0, "arrays", 0));
+    EXPECT_EQ(1, d->getArrayNum(0, "l", 0));
+    EXPECT_STREQ("[1,2,3]", d->getFullArray(0, "l", 1));
+    EXPECT_STREQ("[ ]", d->getFullArray(0, "l", 2));
+    EXPECT_EQ(2, d->getArrayNum(0, "kx", 0));
 }
 
 // Every accessor on every parent; the token table must stay inside the text.
+// The balance, fed whole or byte by byte, lets every text that parses through
+// and holds back only incomplete ones.
 void exercise(const std::string& input) {
     Doc d(input);
+    JsnBalance whole, bytes;
+    whole.add(input.data(), input.size());
+    for (char c : input) bytes.add(&c, 1);
+    ASSERT_EQ(whole.mayParse(), bytes.mayParse());
+    ASSERT_EQ(whole.hopeless(), bytes.hopeless());
+    ASSERT_TRUE(d->result() != 0 || whole.mayParse());
+    ASSERT_TRUE(d->result() != -3 || !whole.mayParse());
+    ASSERT_TRUE(!whole.hopeless() || Doc(input + "\"}]}")->result() != 0);
     const int n = d->tokenCount(), size = (int)input.size();
     for (int i = 0; i < n; i++) {
         const JsnToken& t = d->token(i);

@@ -1,99 +1,65 @@
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "memory.h"
-#include "testUtil.h"
 
-TEST(Memory, ChunkIsSizedFromTheLastRoundsHighWater) {
-    Memory big, small;
-    big.malloc(100);
-    EXPECT_EQ(big.chunkSize(), Memory::MIN_CHUNK);
-    big.malloc(500000);
-    EXPECT_EQ(big.used(), 500100);
-    big.reset();
-    EXPECT_EQ(big.highWater(), Memory::MAX_HIGH_WATER);
-    EXPECT_EQ(big.chunkSize(), 0);
-    big.malloc(1);
-    EXPECT_EQ(big.chunkSize(), Memory::MAX_HIGH_WATER);
-
-    small.malloc(100);
-    small.reset();
-    EXPECT_EQ(small.highWater(), 100);
-    small.malloc(1);
-    EXPECT_EQ(small.chunkSize(), Memory::MIN_CHUNK);
-}
-
-TEST(Memory, AlignedChunkWithSeparateBlocksForOversizedRequests) {
+// Small and oversized requests, past the first 1,024 blocks: every piece is
+// aligned, usable whole, and untouched by the others until reset.
+TEST(Memory, ArenaPiecesNeverOverlap) {
     Memory m;
-    char* first = static_cast<char*>(m.malloc(3));
-    EXPECT_EQ(static_cast<char*>(m.malloc(13)) - first, 8);
-    EXPECT_EQ(m.imalloc(20000), nullptr);
-    char* big = static_cast<char*>(m.malloc(20000));
-    ASSERT_NE(big, nullptr);
-    memset(big, 'x', 20000);
-    EXPECT_EQ(m.blockCount(), 1);
-    EXPECT_EQ(static_cast<char*>(m.malloc(16)) - first, 24);  // the chunk still serves
-    EXPECT_EQ(static_cast<char*>(m.imalloc(16)) - first, 40);
-    EXPECT_EQ(m.used(), 20032);  // imalloc does not count
-
-    // Past the first 1,024 blocks the list grows; reset frees them all.
-    for (int i = 0; i < 1100; ++i) m.malloc(20000 + i);
-    m.add(::malloc(10));
-    EXPECT_EQ(m.blockCount(), 1102);
+    std::vector<std::pair<unsigned char*, size_t>> pieces;
+    for (size_t i = 0; i < 2400; ++i) {
+        size_t n = i % 2 ? 1 + i % 13 : 20000 + i;
+        auto* p = static_cast<unsigned char*>(i == 7 ? m.add(::malloc(n)) : m.malloc(n));
+        ASSERT_EQ(reinterpret_cast<uintptr_t>(p) % 8, 0u) << i;
+        memset(p, static_cast<int>(i), n);
+        pieces.emplace_back(p, n);
+    }
+    for (size_t i = 0; i < pieces.size(); ++i)
+        for (size_t k = 0; k < pieces[i].second; ++k)
+            ASSERT_EQ(pieces[i].first[k], static_cast<unsigned char>(i)) << i;
     m.reset();
     EXPECT_EQ(m.blockCount(), 0);
+    EXPECT_NE(m.malloc(5000), nullptr);  // reused after reset
 }
 
-TEST(InternalCache, RingWrapsAtTheEndAndAlignsOffsets) {
-    const int size = InternalCache::SIZE;
-    char* base = InternalCache::m_cacheHandle;
-    InternalCache::m_current_offset = size - 104;
-    EXPECT_EQ(InternalCache::getCacheReturn(nullptr, 102, false), base + size - 104);
-    EXPECT_EQ(InternalCache::currentOffset(), size - 2);
-    InternalCache::m_current_offset = size - 104;
-    EXPECT_EQ(InternalCache::getCacheReturn(nullptr, 103, false), base);
-    EXPECT_EQ(InternalCache::currentOffset(), 103);
-
-    char* aligned = InternalCache::getCacheReturn("hello");
-    EXPECT_EQ(aligned, base + 104);
-    EXPECT_STREQ(aligned, "hello");
+// Results stay inside the ring and are not handed to two threads at once.
+TEST(InternalCache, RingUnderThreadsAndAtItsEnd) {
+    const char* base = InternalCache::m_cacheHandle;
+    for (int left = 1; left < 80; ++left) {
+        for (size_t size = 1; size < 80; size += 3) {
+            InternalCache::m_current_offset = InternalCache::SIZE - left;
+            char* p = InternalCache::getCacheReturn(nullptr, size, false);
+            ASSERT_TRUE(p >= base && p + size <= base + InternalCache::SIZE) << left << " " << size;
+            ASSERT_EQ((p - base) % 8, 0);
+        }
+    }
+    std::vector<std::thread> threads;
+    std::vector<int> bad(4, 0);
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([t, &bad] {
+            std::string mine(40 + t, static_cast<char>('a' + t));
+            for (int i = 0; i < 5000; ++i) {
+                char* p = InternalCache::getCacheReturn(mine.c_str(), mine.size() + 1, i % 2 == 0);
+                bad[t] += mine != p;
+            }
+        });
+    for (auto& t : threads) t.join();
+    EXPECT_EQ(bad, std::vector<int>(4, 0));
     EXPECT_STREQ(InternalCache::getCacheReturn("abcdef", 4, false), "abc");
 }
 
-TEST(GrowingString, AppendsGrowsAndBuildsZeroSeparatedLists) {
+TEST(GrowingString, AppendsAndBuildsZeroSeparatedLists) {
     GrowingString g;
-    g.add(nullptr).add("").add("abc", 2);
     std::string longText(600, 'y');
-    g.add(longText.c_str());
-    EXPECT_EQ(g.length(), 602u);
-    EXPECT_EQ(g.capacity(), 600u + 512u + 1024u);
+    g.add(nullptr).add("").add("abc", 2).add(longText.c_str()).add1("z").add1(nullptr);
+    EXPECT_EQ(std::string(g.data(), g.length()), "ab" + longText + std::string("z\0\0", 3));
     Memory m;
-    EXPECT_EQ(std::string(g.get(&m)), "ab" + longText);
-
-    GrowingString list;
-    list.add1("a").add1(nullptr).add1("bc");
-    EXPECT_EQ(std::string(list.data(), list.length()), std::string("a\0\0bc\0", 6));
-    EXPECT_STREQ(list.get(nullptr), "a");
-}
-
-TEST(InternalCache, FgetsReadsLongLinesWholeAndDropsAnUnterminatedLastLine) {
-    TempDir dir;
-    std::string longLine(10000, 'L');
-    spit(dir.file("f.txt"), longLine + "\nsecond\ntail");
-    Memory m;
-    for (Memory* arena : {&m, static_cast<Memory*>(nullptr)}) {
-        FILE* f = fopen(dir.file("f.txt").c_str(), "r");
-        ASSERT_NE(f, nullptr);
-        char* buffer = nullptr;
-        int size = 0;
-        char* line = InternalCache::fgets(&buffer, &size, f, arena);
-        EXPECT_EQ(std::string(line ? line : "(none)"), longLine + "\n");
-        EXPECT_EQ(size, 16384);
-        line = InternalCache::fgets(&buffer, &size, f, arena);
-        EXPECT_STREQ(line, "second\n");
-        EXPECT_EQ(InternalCache::fgets(&buffer, &size, f, arena), nullptr);
-        fclose(f);
-    }
+    EXPECT_EQ(std::string(g.get(&m)), "ab" + longText + "z");
 }

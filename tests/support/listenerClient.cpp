@@ -11,6 +11,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <fcntl.h>
+
 #include <cerrno>
 #include <cstdio>
 
@@ -26,6 +28,9 @@ int connectTo(int port, const char* host, int receiveTimeoutSeconds) {
     a.sin_family = AF_INET;
     a.sin_port = htons(static_cast<uint16_t>(port));
     inet_pton(AF_INET, host, &a.sin_addr);
+    timeval tv{receiveTimeoutSeconds, 0};
+    // Bounds the connect as well, on a listener that no longer accepts.
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
     if (connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
         int e = errno;
         close(fd);
@@ -34,7 +39,6 @@ int connectTo(int port, const char* host, int receiveTimeoutSeconds) {
     }
     int one = 1;
     setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-    timeval tv{receiveTimeoutSeconds, 0};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
     return fd;
 }
@@ -53,8 +57,8 @@ std::string readAll(int fd, bool* timedOut) {
     return out;
 }
 
-std::string talk(int port, const std::string& bytes, bool endSending, const char* host) {
-    int fd = connectTo(port, host);
+std::string talk(int port, const std::string& bytes, bool endSending, const char* host, int timeoutSeconds) {
+    int fd = connectTo(port, host, timeoutSeconds);
     if (fd < 0) return "<refused>";
     sendAll(fd, bytes);
     if (endSending) shutdown(fd, SHUT_WR);
@@ -65,6 +69,8 @@ ListenerProcess::ListenerProcess(const std::string& data, const ListenerOptions&
     for (const std::string* dir : {&options.hl7Dir, &options.exportDir, &options.hl7Cache})
         if (!dir->empty()) mkdir(dir->c_str(), 0775);
     m_port = freePort();
+    int command[2], reply[2];
+    if (pipe2(command, O_CLOEXEC) != 0 || pipe2(reply, O_CLOEXEC) != 0) ADD_FAILURE() << "no pipes";
     fflush(nullptr);
     m_pid = fork();
     if (m_pid == 0) {
@@ -86,8 +92,27 @@ ListenerProcess::ListenerProcess(const std::string& data, const ListenerOptions&
         REMOTE = options.remote;
         NumTcpThreads = options.threads;
         if (!startListener()) _exit(3);
-        for (;;) pause();
+        close(command[1]);
+        close(reply[0]);
+        for (;;) {
+            int ms = 0;
+            ssize_t got = read(command[0], &ms, sizeof ms);
+            if (got < 0 && errno == EINTR) continue;
+            if (got != sizeof ms) _exit(0);  // the test is gone
+            // No descriptor number is allowed: every new one fails with EMFILE.
+            rlimit saved{};
+            getrlimit(RLIMIT_NOFILE, &saved);
+            rlimit none{0, saved.rlim_max};
+            char lowered = setrlimit(RLIMIT_NOFILE, &none) == 0;
+            if (write(reply[1], &lowered, 1) != 1) _exit(8);
+            usleep(static_cast<useconds_t>(ms) * 1000);
+            setrlimit(RLIMIT_NOFILE, &saved);
+        }
     }
+    close(command[0]);
+    close(reply[1]);
+    m_command = command[1];
+    m_reply = reply[0];
     if (!waitUntil([&] { return talk(m_port, PING_REQUEST) == "success"; }, 5000))
         ADD_FAILURE() << "the listener on port " << m_port << " does not answer";
 }
@@ -97,6 +122,13 @@ ListenerProcess::~ListenerProcess() {
         kill(m_pid, SIGKILL);
         waitpid(m_pid, nullptr, 0);
     }
+    close(m_command);
+    close(m_reply);
+}
+
+bool ListenerProcess::runOutOfDescriptors(int ms) {
+    char lowered = 0;
+    return write(m_command, &ms, sizeof ms) == sizeof ms && read(m_reply, &lowered, 1) == 1 && lowered;
 }
 
 int ListenerProcess::wait() {

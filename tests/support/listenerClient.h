@@ -1,5 +1,5 @@
 // Loopback clients of the local request listener, and a listener run in a
-// child process of its own (the accept lock is process-wide, so one process
+// child process of its own (its queues are process-wide, so one process
 // serves one listening socket).
 #pragma once
 #include <sys/types.h>
@@ -9,7 +9,8 @@
 
 extern const char* const PING_REQUEST;
 
-// A connected socket with a receive time-out, or -1 (errno kept).
+// A connected socket with a receive and send time-out, which bounds the
+// connect too, or -1 (errno kept).
 int connectTo(int port, const char* host = "127.0.0.1", int receiveTimeoutSeconds = 90);
 bool sendAll(int fd, const std::string& bytes);
 // Everything until the peer ends the connection; closes fd. timedOut tells
@@ -18,7 +19,7 @@ std::string readAll(int fd, bool* timedOut = nullptr);
 // One connection: the bytes (then optionally the end of sending), the whole
 // answer; "<refused>" when it could not connect.
 std::string talk(int port, const std::string& bytes, bool endSending = false,
-                 const char* host = "127.0.0.1");
+                 const char* host = "127.0.0.1", int timeoutSeconds = 90);
 
 struct ListenerOptions {
     ListenerOptions() = default;
@@ -46,8 +47,13 @@ public:
     int port() const { return m_port; }
     // The exit status once the process ended by itself.
     int wait();
+    // Lowers its descriptor limit (RLIMIT_NOFILE) to none for ms, as when the
+    // agent runs out, and then restores it; true once it is lowered.
+    bool runOutOfDescriptors(int ms);
 
 private:
     pid_t m_pid = -1;
     int m_port = 0;
+    int m_command = -1;  // to the process's main thread
+    int m_reply = -1;
 };

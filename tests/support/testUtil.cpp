@@ -3,17 +3,16 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -28,10 +27,8 @@ TempDir::TempDir() {
 }
 
 TempDir::~TempDir() {
-    std::string cmd = "rm -rf '" + m_path + "'";
-    if (system(cmd.c_str()) != 0) {
-        // Nothing to do: a leftover directory under /tmp is harmless.
-    }
+    std::error_code ignored;  // a leftover directory under /tmp is harmless
+    std::filesystem::remove_all(m_path, ignored);
 }
 
 std::string slurp(const std::string& path) {
@@ -61,54 +58,21 @@ bool exists(const std::string& path) {
     _exit(127);
 }
 
-static void drain(int fd, std::string& into, bool& open) {
-    char buf[4096];
-    ssize_t n = read(fd, buf, sizeof buf);
-    if (n > 0)
-        into.append(buf, static_cast<size_t>(n));
-    else if (n == 0 || (errno != EINTR && errno != EAGAIN))
-        open = false;
-}
+static int exitStatus(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status); }
 
-RunResult runProgram(const std::vector<std::string>& argv, const std::string& cwd,
-                     int timeoutSeconds) {
-    int outPipe[2], errPipe[2];
-    if (pipe(outPipe) != 0 || pipe(errPipe) != 0) throw std::runtime_error("pipe failed");
-    pid_t pid = fork();
-    if (pid < 0) throw std::runtime_error("fork failed");
-    if (pid == 0) {
-        setpgid(0, 0);
-        dup2(outPipe[1], 1);
-        dup2(errPipe[1], 2);
-        close(outPipe[0]);
-        close(errPipe[0]);
-        close(outPipe[1]);
-        close(errPipe[1]);
-        execIn(argv, cwd);
-    }
-    close(outPipe[1]);
-    close(errPipe[1]);
+RunResult runProgram(const std::vector<std::string>& argv, const std::string& cwd, int timeoutSeconds) {
+    TempDir output;
     RunResult r;
-    bool outOpen = true, errOpen = true;
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutSeconds);
-    while (outOpen || errOpen) {
-        pollfd fds[2] = {{outOpen ? outPipe[0] : -1, POLLIN, 0}, {errOpen ? errPipe[0] : -1, POLLIN, 0}};
-        int left = static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                        deadline - std::chrono::steady_clock::now())
-                                        .count());
-        if (left <= 0) {
-            kill(-pid, SIGKILL);
-            break;
+    {
+        ChildProcess child(argv, cwd, output.file("out"), output.file("err"));
+        r.status = child.wait(timeoutSeconds * 1000);
+        if (r.status < 0) {
+            kill(-child.pid(), SIGKILL);
+            r.status = child.wait(5000);
         }
-        if (poll(fds, 2, left) < 0 && errno != EINTR) break;
-        if (fds[0].revents) drain(outPipe[0], r.out, outOpen);
-        if (fds[1].revents) drain(errPipe[0], r.err, errOpen);
     }
-    close(outPipe[0]);
-    close(errPipe[0]);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    r.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    r.out = slurp(output.file("out"));
+    r.err = slurp(output.file("err"));
     return r;
 }
 
@@ -133,8 +97,8 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::stri
     if (m_pid < 0) throw std::runtime_error("fork failed");
     if (m_pid == 0) {
         setpgid(0, 0);
-        int out = open(stdoutPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        int err = open(stderrPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        int out = open(stdoutPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        int err = open(stderrPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
         if (out >= 0) dup2(out, 1);
         if (err >= 0) dup2(err, 2);
         execIn(argv, cwd);
@@ -142,32 +106,21 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::stri
 }
 
 ChildProcess::~ChildProcess() {
-    if (m_status < 0 && m_pid > 0) {
-        if (stop(SIGTERM, 5000) < 0) {
-            kill(-m_pid, SIGKILL);
-            wait(5000);
-        }
+    if (m_status < 0 && m_pid > 0 && stop(SIGTERM, 5000) < 0) {
+        kill(-m_pid, SIGKILL);
+        wait(5000);
     }
 }
 
 int ChildProcess::wait(int timeoutMs) {
-    if (m_status >= 0) return m_status;
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    for (;;) {
-        int status = 0;
-        pid_t r = waitpid(m_pid, &status, WNOHANG);
-        if (r == m_pid) {
-            m_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-            return m_status;
-        }
-        if (std::chrono::steady_clock::now() >= deadline) return -1;
-        usleep(20000);
-    }
+    int status = 0;
+    if (m_status < 0 && waitUntil([&] { return waitpid(m_pid, &status, WNOHANG) == m_pid; }, timeoutMs))
+        m_status = exitStatus(status);
+    return m_status;
 }
 
 int ChildProcess::stop(int signal, int timeoutMs) {
-    if (m_status >= 0) return m_status;
-    kill(m_pid, signal);
+    if (m_status < 0) kill(m_pid, signal);
     return wait(timeoutMs);
 }
 
@@ -187,4 +140,15 @@ std::vector<int> childrenOf(int pid) {
     int child;
     while (in >> child) result.push_back(child);
     return result;
+}
+
+int inChild(const std::function<int()>& body, int timeoutMs) {
+    fflush(nullptr);
+    pid_t pid = fork();
+    if (pid == 0) _exit(body());
+    int status = 0;
+    if (waitUntil([&] { return waitpid(pid, &status, WNOHANG) == pid; }, timeoutMs)) return exitStatus(status);
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+    return -1;
 }

@@ -64,5 +64,9 @@ private:
 // Polls the condition every 20 ms; true when it held within the time.
 bool waitUntil(const std::function<bool()>& condition, int timeoutMs);
 
+// Runs body in a forked child: its result as exit status (128 + signal when
+// killed), or -1 when it did not end within the time (it is then killed).
+int inChild(const std::function<int()>& body, int timeoutMs = 60000);
+
 // Direct children of a process (from /proc).
 std::vector<int> childrenOf(int pid);
