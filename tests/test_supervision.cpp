@@ -86,16 +86,11 @@ TEST(Supervisor, QuietOutputInFilesHangUpIgnoredKilledWorkerRestartedInterruptSt
 
 TEST(Supervisor, WorkerDyingAtOnceIsRestartedWithGrowingPauses) {
     // The port is taken: every worker ends at once with a bind failure.
-    int holder = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    ASSERT_EQ(bind(holder, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
-    ASSERT_EQ(listen(holder, 1), 0);
-    getsockname(holder, reinterpret_cast<sockaddr*>(&a), &len);
+    int heldPort = 0;
+    int holder = listenLoopback(&heldPort);
+    ASSERT_GE(holder, 0);
     Supervised s;
-    s.start({"-l", "-p", std::to_string(ntohs(a.sin_port))});
+    s.start({"-l", "-p", std::to_string(heldPort)});
     // Pauses of 1 s, then 2 s: three or four starts in 4.5 s, not hundreds.
     usleep(4500 * 1000);
     size_t restarts = s.restarts();

@@ -113,16 +113,9 @@ TEST_F(Tls, LongCommandsAndCappedReplies) {
     // signals land in it; the peer answers only a command that came whole.
     std::string longLine = "box7|LOG|msg|" + std::string(4 << 20, 'm');
     std::string wire = Util::encipher((longLine + "|~~").c_str());
-    int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    int small = 4096;
-    setsockopt(listener, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t alen = sizeof a;
-    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
-    ASSERT_EQ(listen(listener, 1), 0);
-    getsockname(listener, reinterpret_cast<sockaddr*>(&a), &alen);
+    int peerPort = 0;
+    int listener = listenLoopback(&peerPort, 4096);
+    ASSERT_GE(listener, 0);
     std::atomic<bool> done{false};
     // A connect cut short by a signal is retried on a new connection.
     std::thread peer([&] {
@@ -151,7 +144,7 @@ TEST_F(Tls, LongCommandsAndCappedReplies) {
     std::thread sender([&] {
         SendFile s(dir(), false, false);
         s.useCertTransport = false;
-        s.addDest("127.0.0.1", std::to_string(ntohs(a.sin_port)).c_str(), "4443");
+        s.addDest("127.0.0.1", std::to_string(peerPort).c_str(), "4443");
         reply = s.sendCommand(longLine.c_str(), status, true);
         done = true;
     });

@@ -76,17 +76,26 @@ RunResult runProgram(const std::vector<std::string>& argv, const std::string& cw
     return r;
 }
 
-int freePort() {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
+int listenLoopback(int* port, int receiveBuffer) {
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (receiveBuffer > 0) setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
     sockaddr_in a{};
     a.sin_family = AF_INET;
     a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    a.sin_port = 0;
-    bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
     socklen_t len = sizeof a;
-    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-    close(fd);
-    return ntohs(a.sin_port);
+    if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || listen(fd, 4) != 0 ||
+        getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) != 0) {
+        close(fd);
+        return -1;
+    }
+    *port = ntohs(a.sin_port);
+    return fd;
+}
+
+int freePort() {
+    int port = 0;
+    close(listenLoopback(&port));
+    return port;
 }
 
 std::string pkiFile(const std::string& name) { return std::string(HUBTALK_PKI_DIR) + "/" + name; }

@@ -35,6 +35,9 @@ RunResult runProgram(const std::vector<std::string>& argv, const std::string& cw
 
 // A TCP port on 127.0.0.1 that was free a moment ago.
 int freePort();
+// A socket listening on 127.0.0.1 at a free port (-1 on failure); a receive
+// buffer above 0 is set before listening, so connections inherit it.
+int listenLoopback(int* port, int receiveBuffer = 0);
 
 // Path of a file of the build's development PKI (ca.crt, server.crt, ...).
 std::string pkiFile(const std::string& name);
