@@ -47,8 +47,9 @@ public:
     int port() const { return m_port; }
     // The exit status once the process ended by itself.
     int wait();
-    // Lowers its descriptor limit (RLIMIT_NOFILE) to none for ms, as when the
-    // agent runs out, and then restores it; true once it is lowered.
+    // Lowers its descriptor limit (RLIMIT_NOFILE) so that no descriptor is
+    // left for ms, as when the agent runs out, and then restores it; true
+    // once it is lowered.
     bool runOutOfDescriptors(int ms);
 
 private:
