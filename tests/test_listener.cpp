@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "apiRequests.h"
+#include "bounds.h"
 #include "listener.h"
 #include "listenerClient.h"
 #include "localServiceHarness.h"
@@ -109,9 +110,12 @@ TEST(ListenerService, DicomSendUploadsOnlyFilesOfTheExportDirectory) {
     ASSERT_EQ(runProgram({"/bin/cp", dcm, outside}).status, 0);
     ASSERT_EQ(symlink(outside.c_str(), (s.exportDir + "/link.dcm").c_str()), 0);
     ASSERT_EQ(mkdir((s.exportDir + "/sub").c_str(), 0775), 0);
+    ASSERT_EQ(mkdir((s.exportDir + "2").c_str(), 0775), 0);
+    ASSERT_EQ(runProgram({"/bin/cp", dcm, s.exportDir + "2/sibling.dcm"}).status, 0);
     size_t before = s.service.commands().size();
     for (const std::string& path : {outside, s.exportDir + "/../outside.dcm", s.exportDir + "/link.dcm",
-                                    std::string("/etc/passwd"), s.exportDir + "/sub", s.exportDir})
+                                    std::string("/etc/passwd"), s.exportDir + "/sub", s.exportDir,
+                                    s.exportDir + "2/sibling.dcm"})
         EXPECT_EQ(talk(s.port, R"({"request_type": "DICOM send"} )" + path), "failure") << path;
     EXPECT_EQ(s.service.commands().size(), before);
     for (const char* name : {"outside.dcm", "link.dcm", "passwd"}) EXPECT_FALSE(exists(s.service.storedFile(name))) << name;
@@ -189,6 +193,15 @@ TEST(ListenerLoad, FloodsAndVanishingClientsLeaveItAnswering) {
         close(fd);
     }
     EXPECT_EQ(talk(l.port(), PING_REQUEST), "success");
+
+    // One connection more than are read at once displaces the oldest.
+    std::vector<int> idle;
+    for (int i = 0; i <= Limits::LISTENER_CONNECTIONS_MOST; i++) idle.push_back(connectTo(l.port(), "127.0.0.1", 1));
+    bool timedOut[2] = {true, false};
+    EXPECT_EQ(readAll(idle[0], &timedOut[0]) + readAll(idle[1], &timedOut[1]), "");
+    EXPECT_FALSE(timedOut[0]);
+    EXPECT_TRUE(timedOut[1]);
+    for (size_t i = 2; i < idle.size(); i++) close(idle[i]);
     EXPECT_EQ(talk(l.port(), PING_REQUEST), "success");
 }
 

@@ -39,14 +39,13 @@ TEST(ListenerTimeout, StalledClientsAreCutOffAfterAMinute) {
     options.errorLog = logs.file("stderr.log");
     ListenerProcess l(tmp.path(), options);
     Stalled silent, halfFrame, halfSharing;
-    std::thread a([&] { silent = stall(l.port(), ""); });
-    std::thread b([&] { halfFrame = stall(l.port(), "\x0bMSH|^~\\&|A|B|C|D|20240101||ADT^A01|55|P|2.4\r"); });
-    std::thread c([&] { halfSharing = stall(l.port(), R"({"request_type": "sharing", "notes": "un)"); });
+    std::thread stalls[] = {
+        std::thread([&] { silent = stall(l.port(), ""); }),
+        std::thread([&] { halfFrame = stall(l.port(), "\x0bMSH|^~\\&|A|B|C|D|20240101||ADT^A01|55|P|2.4\r"); }),
+        std::thread([&] { halfSharing = stall(l.port(), R"({"request_type": "sharing", "notes": "un)"); })};
     sleep(2);
     EXPECT_EQ(talk(l.port(), PING_REQUEST), "success");
-    a.join();
-    b.join();
-    c.join();
+    for (std::thread& t : stalls) t.join();
 
     for (const Stalled* s : {&silent, &halfFrame, &halfSharing}) {
         EXPECT_FALSE(s->timedOut);
