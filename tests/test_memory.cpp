@@ -15,15 +15,15 @@ TEST(Memory, ArenaPiecesNeverOverlap) {
     Memory m;
     std::vector<std::pair<unsigned char*, size_t>> pieces;
     for (size_t i = 0; i < 2400; ++i) {
-        size_t n = i % 2 ? 1 + i % 13 : 20000 + i;
+        size_t n = i % 2 ? 1 + i % 13 : Memory::MIN_CHUNK + 1 + i;
         auto* p = static_cast<unsigned char*>(i == 7 ? m.add(::malloc(n)) : m.malloc(n));
         ASSERT_EQ(reinterpret_cast<uintptr_t>(p) % 8, 0u) << i;
         memset(p, static_cast<int>(i), n);
         pieces.emplace_back(p, n);
     }
     for (size_t i = 0; i < pieces.size(); ++i)
-        for (size_t k = 0; k < pieces[i].second; ++k)
-            ASSERT_EQ(pieces[i].first[k], static_cast<unsigned char>(i)) << i;
+        ASSERT_EQ(std::string(reinterpret_cast<char*>(pieces[i].first), pieces[i].second),
+                  std::string(pieces[i].second, static_cast<char>(i))) << i;
     m.reset();
     EXPECT_EQ(m.blockCount(), 0);
     EXPECT_NE(m.malloc(5000), nullptr);  // reused after reset
