@@ -44,8 +44,6 @@ const size_t LISTENER_STACK = 65536;
 
 namespace {
 
-const char START_BYTE = 0x0B;
-const char END_BYTE = 0x1C;
 
 bool startThread(void* (*entry)(void*), void* arg) {
     pthread_attr_t attr;
@@ -301,12 +299,12 @@ private:
         blankZeros(m_buf, n);
         r.request.text.append(m_buf, static_cast<size_t>(n));
         m_held += static_cast<size_t>(n);
-        bool endByte = memchr(m_buf, END_BYTE, static_cast<size_t>(n)) != nullptr;
+        bool endByte = memchr(m_buf, MLLP_END, static_cast<size_t>(n)) != nullptr;
         if (!r.started) {
             r.started = true;
             m_buf[n] = '\0';
             if (VERBOSE) printf("Server Received:  %s\n", m_buf);
-            r.request.hl7 = m_buf[0] == START_BYTE;
+            r.request.hl7 = m_buf[0] == MLLP_START;
             r.deadline = nowMs() + LISTENER_TIMEOUT_MS;
             // Only a sharing document may come in more than one receive.
             if (!r.request.hl7 && !strstr(m_buf, "\"sharing\"")) {

@@ -17,8 +17,6 @@
 
 namespace {
 
-const char START_BYTE = 0x0B;
-const char END_BYTE = 0x1C;
 const size_t MAX_ID_IN_NAME = 64;
 // One control ID may come thousands of times: after this many taken names
 // "<id>.<0..999>.hl7" the number is drawn from all 32 bits.
@@ -50,8 +48,8 @@ char* withoutControlBytes(const char* text, Memory& arena) {
 }
 
 void buildHl7Answer(GrowingString& out, bool accepted, const char* controlId, const char* timestamp) {
-    const char start[2] = {START_BYTE, 0};
-    const char end[4] = {END_BYTE, '\r', '\n', 0};
+    const char start[2] = {MLLP_START, 0};
+    const char end[4] = {MLLP_END, '\r', '\n', 0};
     out.add(start);
     out.add("MSH|^~\\&|PDF||GE|ViewPoint|").add(timestamp);
     out.add(accepted ? "|ACK^T01^ACK|" : "|NACK^T01^NACK|").add(timestamp).add("|P|2.4\r\n");
@@ -142,13 +140,13 @@ void handleHl7Request(ListenerConnection& conn, char* message, int, bool complet
     // A frame runs from its start byte to the next start byte after its
     // (last) end byte; what follows the last complete frame is left unanswered.
     for (char* frame = message; frame;) {
-        char* end = strchr(frame, END_BYTE);
+        char* end = strchr(frame, MLLP_END);
         if (!end) break;
-        char* next = strchr(end, START_BYTE);
+        char* next = strchr(end, MLLP_START);
         if (next) *next = '\0';
-        *strrchr(frame, END_BYTE) = ' ';
+        *strrchr(frame, MLLP_END) = ' ';
         if (!serveFrame(conn, frame, true, arena)) break;
-        if (next) *next = START_BYTE;
+        if (next) *next = MLLP_START;
         frame = next;
     }
     conn.close();

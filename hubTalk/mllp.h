@@ -20,6 +20,10 @@
 // kept for the operator in its subfolder "rejected", which is never input.
 #pragma once
 
+// The frame's first and last byte.
+const char MLLP_START = 0x0B;
+const char MLLP_END = 0x1C;
+
 struct ListenerConnection;
 
 // Serves the frames in message (n bytes from 0x0B on, zero bytes blanked,

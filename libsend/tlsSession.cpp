@@ -3,16 +3,16 @@
 #include <cerrno>
 #include <cstring>
 #include <sys/socket.h>
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
+#include <cstdlib>
 #include <string>
 
 #include <mbedtls/net_sockets.h>
 
 #include "boxSend.h"
 #include "bounds.h"
+#include "files.h"
 #include "morvaAlarms.h"
 
 namespace {
@@ -111,28 +111,18 @@ int bioRecv(void* ctx, unsigned char* buf, size_t len) {
     return (int)n;
 }
 
-// The pinned authority is one certificate. It is read here, not by the
-// library: that would read whatever the path names whole (a directory made
-// it allocate without bound), through a descriptor a companion tool started
-// meanwhile would inherit. The text with its terminating zero, or "".
+// The pinned authority is one certificate. It is read here, through the
+// state-file reader (close-on-exec), not by the library: that would read
+// whatever the path names whole (a directory made it allocate without bound).
+// The text with its terminating zero, or "".
 std::string readCaFile(const char* path) {
-    int fd = path ? open(path, O_RDONLY | O_CLOEXEC) : -1;
-    if (fd < 0) return "";
     struct stat st;
-    std::string text;
-    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size <= Limits::CA_FILE_MOST) {
-        text.resize((size_t)st.st_size);
-        size_t got = 0;
-        while (got < text.size()) {
-            ssize_t n = read(fd, &text[got], text.size() - got);
-            if (n < 0 && errno == EINTR) continue;
-            if (n <= 0) break;
-            got += (size_t)n;
-        }
-        text.resize(got);
-    }
-    close(fd);
-    return text.empty() ? text : text + '\0';
+    if (!path || stat(path, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size > Limits::CA_FILE_MOST)
+        return "";
+    char* text = readTxt(path, "", Limits::CA_FILE_MOST);
+    std::string pem = text;
+    if (text != EMPTY_TEXT) free(text);
+    return pem.empty() ? pem : pem + '\0';
 }
 
 bool again(int rc) {
