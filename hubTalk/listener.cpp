@@ -32,29 +32,11 @@
 #include "morvaAlarms.h"
 #include "settings.h"
 #include "stateFiles.h"
+#include "threads.h"
 
 using namespace Limits;
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-// Instrumented frames are several times larger.
-const size_t LISTENER_STACK = 4 * 65536;
-#else
-const size_t LISTENER_STACK = 65536;
-#endif
-
 namespace {
-
-
-bool startThread(void* (*entry)(void*), void* arg) {
-    pthread_attr_t attr;
-    pthread_attr_init(&attr);
-    pthread_attr_setstacksize(&attr, LISTENER_STACK);
-    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
-    pthread_t thread;
-    int rc = pthread_create(&thread, &attr, entry, arg);
-    pthread_attr_destroy(&attr);
-    return rc == 0;
-}
 
 long long nowMs() {
     using namespace std::chrono;
@@ -436,12 +418,12 @@ void* app_proc(void*) {
     }
 
     for (int i = 0; i < threads; i++) {
-        if (!startThread(thread_proc, nullptr)) throwFatal("Could not create thread.");
+        if (!startThread(thread_proc, nullptr, LISTENER_STACK)) throwFatal("Could not create thread.");
         sched_yield();
     }
     for (int i = 0; i < LISTENER_RELAY_THREADS; i++)
-        if (!startThread(relay_proc, nullptr)) throwFatal("Could not create thread.");
-    if (!startThread(reception_proc, new int(fd))) throwFatal("Could not create thread.");
+        if (!startThread(relay_proc, nullptr, LISTENER_STACK)) throwFatal("Could not create thread.");
+    if (!startThread(reception_proc, new int(fd), LISTENER_STACK)) throwFatal("Could not create thread.");
     return nullptr;
 }
 
@@ -460,5 +442,5 @@ bool startListener() {
     char port[16];
     snprintf(port, sizeof port, "%d", PORT);
     writeTxt(dataDir, StateFile::API_PORT, port);
-    return startThread(app_proc, nullptr);
+    return startThread(app_proc, nullptr, LISTENER_STACK);
 }

@@ -30,8 +30,7 @@
 
 #include <cstddef>
 
-// Stack of every listener thread.
-extern const size_t LISTENER_STACK;
+// Every listener thread has LISTENER_STACK (threads.h).
 
 // Thread entry, argument ignored. Opens the socket on PORT (all addresses when
 // REMOTE, else 127.0.0.1 only), starts the reception thread and the workers

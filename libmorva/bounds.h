@@ -81,6 +81,16 @@ constexpr int STOP_GRACE_S = 10;
 // A download still running after this is stopped and counts as failed.
 constexpr unsigned int DOWNLOAD_TIMEOUT_S = 600;
 
+// ---- companion tools
+// A companion tool (anonymiser, pixel processor) still running after this is
+// killed and counts as failed; "toolTimeout.txt" in the data directory
+// (seconds) overrides it.
+constexpr unsigned int COMPANION_TIMEOUT_S = 600;
+// An attribute dump still running after this counts as failed.
+constexpr unsigned int DUMP_TIMEOUT_S = 120;
+// The most read of an attribute dump (it holds a few short attributes).
+constexpr size_t DUMP_TEXT_MOST = 4194304;
+
 // ---- files
 constexpr size_t COPY_BUFFER = 1048576;
 // The most read of a state file: any, an identity (host name, display name,

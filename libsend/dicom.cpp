@@ -1,11 +1,125 @@
 #include "dicom.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <string>
+
+#include "bounds.h"
+#include "files.h"
+#include "memory.h"
+#include "process.h"
+#include "text.h"
+
+namespace {
+
+// Opens only regular files: a FIFO dropped into a watched directory must not
+// block the thread that inspects it.
+FILE* openRegular(const char* path) {
+    int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) return nullptr;
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        close(fd);
+        return nullptr;
+    }
+    FILE* f = fdopen(fd, "rb");
+    if (!f) close(fd);
+    return f;
+}
+
+bool startsWith(const char* dir, const char* name, long offset, const char* magic) {
+    std::string path = name && *name ? std::string(dir) + "/" + name : std::string(dir);
+    FILE* f = openRegular(path.c_str());
+    if (!f) return false;
+    char head[4];
+    bool yes = fseek(f, offset, SEEK_SET) == 0 && fread(head, 1, 4, f) == 4 &&
+               memcmp(head, magic, 4) == 0;
+    fclose(f);
+    return yes;
+}
+
+int runDump(const std::string& command) {
+    return runBounded(command.c_str(), Limits::DUMP_TIMEOUT_S);
+}
+
+char* readDump(const std::string& path) {
+    return readTxt(path.c_str(), "", Limits::DUMP_TEXT_MOST);
+}
+
+void freeText(char* text) {
+    if (text && text != EMPTY_TEXT) free(text);
+}
+
+// One dump line: "(gggg,eeee) VR value   #  len, vm Keyword". The last "#"
+// starts the comment: sequence lines carry "#=" inside their value text.
+void addDumpLine(char* line, KeyValues<char>& table) {
+    char* hash = strrchr(line, '#');
+    if (!hash) return;
+    *hash = '\0';
+    char* comment = rtrim(hash + 1);
+    char* keyword = strrchr(comment, ' ');
+    keyword = keyword ? keyword + 1 : comment;
+    if (!*keyword) return;
+    char* value = strlen(line) > 15 ? rtrim(line + 15) : line + strlen(line);
+    if (strcmp(value, "(no value available)") == 0) return;
+    if (*value == '[') {
+        ++value;
+        size_t n = strlen(value);
+        if (n && value[n - 1] == ']') value[n - 1] = '\0';
+    }
+    table.addKeyValue(keyword, value);
+}
+
+const char* const CLASSIFIER_TAGS[] = {"SOPClassUID", "StudyInstanceUID",
+                                       "MIMETypeOfEncapsulatedDocument", nullptr};
+
+// Classifiers may run on several threads with the same directory: each call
+// dumps to a name of its own.
+std::string classifierDumpName() {
+    static std::atomic<unsigned> counter{0};
+    return "ATTRS." + std::to_string(getpid()) + "." + std::to_string(++counter) + ".txt";
+}
+
+char* copyIn(const char* text, Memory* mem) {
+    size_t n = strlen(text);
+    char* copy = static_cast<char*>(mem->malloc(n + 1));
+    memcpy(copy, text, n + 1);
+    return copy;
+}
+
+// The StudyInstanceUID when the dump of file passes isWanted, else "".
+template <class Test>
+char* classify(const char* file, const char* dir, Memory* mem, const char* const* tags,
+               Test isWanted) {
+    if (!mem || !isDicom(file, "")) return EMPTY_TEXT;
+    KeyValues<char> table;
+    if (getAttrMap(file, table, tags, dir, classifierDumpName().c_str(), mem) != 0)
+        return EMPTY_TEXT;
+    if (!isWanted(table)) return EMPTY_TEXT;
+    const char* study = table.get("StudyInstanceUID");
+    return study && *study ? copyIn(study, mem) : EMPTY_TEXT;
+}
+
+const char* valueOr(const KeyValues<char>& table, const char* key) {
+    const char* v = table.get(key);
+    return v ? v : "";
+}
+
+}  // namespace
+
+bool isDicom(const char* dir, const char* name) { return startsWith(dir, name, 128, "DICM"); }
+
+bool isHL7(const char* dir, const char* name) { return startsWith(dir, name, 0, "MSH|"); }
 
 char* getSopInstance(const char* path, char* out, int outSize) {
-    FILE* f = fopen(path, "rbe");
+    FILE* f = openRegular(path);
     if (!f) return nullptr;
     char* found = nullptr;
     unsigned char magic[4];
@@ -44,4 +158,68 @@ char* getSopInstance(const char* path, char* out, int outSize) {
     }
     fclose(f);
     return found;
+}
+
+int getAttrMap(const char* file, KeyValues<char>& table, const char* const* tags,
+               const char* dir, const char* outName, Memory* mem) {
+    if (!file || !dir || !outName || !mem) return 1;
+    std::string dumpPath = std::string(dir) + "/" + outName;
+    char* quotedFile = shellQuote(file);
+    char* quotedDump = shellQuote(dumpPath.c_str());
+    std::string command =
+        "dcmdump -ll error +E -vr  -M -ml +uc +Ep +rd --convert-to-utf8 --no-uid-names";
+    for (int i = 0; tags && tags[i] && tags[i][0]; ++i) {
+        command += " +P ";
+        command += tags[i];
+    }
+    command += std::string(" ") + quotedFile + " > " + quotedDump;
+    free(quotedFile);
+    free(quotedDump);
+
+    if (runDump(command) != 0) {
+        // Files in a character set dcmdump cannot convert still dump without it.
+        const std::string convert = "--convert-to-utf8 ";
+        command.erase(command.find(convert), convert.size());
+        if (runDump(command) != 0) {
+            unlink(dumpPath.c_str());
+            return 1;
+        }
+    }
+    char* text = readDump(dumpPath);
+    if (!*text) {
+        freeText(text);
+        runDump(command);
+        sleep(1);
+        text = readDump(dumpPath);
+    }
+    unlink(dumpPath.c_str());
+    if (!*text) {
+        freeText(text);
+        return 1;
+    }
+    mem->add(text);
+    for (char* line = text; line && *line;) {
+        char* next = strchr(line, '\n');
+        if (next) *next++ = '\0';
+        addDumpLine(line, table);
+        line = next;
+    }
+    return 0;
+}
+
+char* isSecondaryCapture(const char* file, const char* dir, Memory* mem) {
+    return classify(file, dir, mem, CLASSIFIER_TAGS, [](const KeyValues<char>& t) {
+        const char* sopClass = valueOr(t, "SOPClassUID");
+        return strcmp(sopClass, "1.2.840.10008.5.1.4.1.1.7") == 0 ||
+               strncmp(sopClass, "1.2.840.10008.5.1.4.1.1.7.", 26) == 0;
+    });
+}
+
+char* isPdfFile(const char* file, const char* dir, Memory* mem) {
+    return classify(file, dir, mem, CLASSIFIER_TAGS, [](const KeyValues<char>& t) {
+        std::string mime = valueOr(t, "MIMETypeOfEncapsulatedDocument");
+        for (char& c : mime) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+        return strcmp(valueOr(t, "SOPClassUID"), "1.2.840.10008.5.1.4.1.1.104.1") == 0 ||
+               mime.find("/pdf") != std::string::npos || mime.find("\\pdf") != std::string::npos;
+    });
 }
