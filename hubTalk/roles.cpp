@@ -2,12 +2,21 @@
 
 #include <sys/stat.h>
 
+#include <cstdint>
 #include <cstdio>
 
+#include "exception.h"
 #include "files.h"
 #include "listener.h"
+#include "processing.h"
 #include "settings.h"
 #include "stateFiles.h"
+#include "threads.h"
+
+namespace {
+// Each worker's number lives as long as its thread.
+uint32_t workerNumbers[17];
+}  // namespace
 
 void startRoleThreads() {
     rmFile(dataDir, StateFile::API_PORT);
@@ -16,12 +25,18 @@ void startRoleThreads() {
     if (viewpointDir[0]) writeTxt(dataDir, StateFile::VIEWPOINT_DIR, viewpointDir);
     // The export sender and the router come here.
     if (anyProcessingMode()) {
-        // Worker 0 uses qDir itself; the others get queues of their own.
-        for (int n = 1; n < NUM_WORKERS; ++n) {
+        // Worker 0 works in qDir; with two or more workers it only hands new
+        // files on, to workers 1 .. NUM_WORKERS, each in a queue of its own.
+        int last = NUM_WORKERS >= 2 ? NUM_WORKERS : 0;
+        for (int n = 1; n <= last; ++n) {
             char queue[272];
             snprintf(queue, sizeof queue, "%s%d", qDir, n);
             mkdir(queue, 0775);
         }
-        // The processing workers come here.
+        for (int n = 0; n <= last && n < 17; ++n) {
+            workerNumbers[n] = static_cast<uint32_t>(n);
+            if (!startThread(processing_proc, &workerNumbers[n], PROCESSING_STACK))
+                throwFatal("Could not create thread.");
+        }
     }
 }
