@@ -58,6 +58,22 @@ TEST(Inspection, MagicBytesOnlyInRegularFiles) {
                                              REAL + "CT_small.dcm"})
                                      .out.find(std::string("[") + uid + "]"));
     EXPECT_EQ(nullptr, getSopInstance((REAL + "no_meta.dcm").c_str(), uid, sizeof uid));
+
+    // Broken files: never a crash, never a value made up.
+    std::string preamble = std::string(128, '\0') + "DICM";
+    struct Bad { const char* name; std::string bytes; bool dicom; } bad[] = {
+        {"empty", "", false},
+        {"garbage", preamble + std::string(300, '\xff'), true},
+        {"huge meta element", preamble + std::string("\x02\x00\x01\x00OB\0\0\xf0\xff\xff\xff", 12) + "x", true},
+        {"truncated", slurp(REAL + "MR_truncated.dcm").substr(0, 200), true},
+    };
+    for (const Bad& b : bad) {
+        spit(t.file(b.name), b.bytes);
+        EXPECT_EQ(b.dicom, isDicom(t.path().c_str(), b.name)) << b.name;
+        EXPECT_EQ(nullptr, getSopInstance(t.file(b.name).c_str(), uid, sizeof uid)) << b.name;
+        std::string modality = attr(t.file(b.name), "Modality", t.path());
+        EXPECT_TRUE(modality == "<failed>" || modality == "<absent>") << b.name << ": " << modality;
+    }
 }
 
 TEST(Inspection, AttributeTableOfRealFiles) {
