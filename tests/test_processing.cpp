@@ -265,3 +265,42 @@ TEST_F(Processing, UnprocessedFilesCarryTheMarker) {
     processing_loop_proc(&worker);
     EXPECT_EQ("one.dcm._UNP_ ", listing(data.file("export")));
 }
+
+// The agent itself with the reference companions: queued images leave the
+// box de-identified, and a companion inherits none of the agent's sockets.
+TEST_F(Processing, AgentChainWithTheReferenceCompanions) {
+    for (const char* q : {"Q1", "Q2", "Q3"}) rmdir(data.file(q).c_str());  // start-up makes its own
+    std::string built = std::string(HUBTALK_BIN).substr(0, std::string(HUBTALK_BIN).rfind('/'));
+    ASSERT_EQ(0, symlink(HUBTALK_BIN, tools.file("hubTalk").c_str()));
+    ASSERT_EQ(0, symlink((built + "/scrubmill").c_str(), tools.file("scrubmill.real").c_str()));
+    tool("scrubmill", "ls -l /proc/$$/fd >> \"$0.fds\"; exec \"$0.real\" \"$@\"");
+    svc.setReply("CROP", "0|0|0|0|0");
+    const std::string real = CT.substr(0, CT.rfind('/') + 1);
+    for (std::string name : {"CT_small.dcm", "MR_small.dcm"}) {
+        spit(data.file("Q/" + name), slurp(real + name));
+        age_(data.file("Q/" + name), 30);
+    }
+    TempDir logs;
+    ChildProcess agent({tools.file("hubTalk"), "-d", dir(), "-V", data.file("export"), "-N", "1-2",
+                        "-p", std::to_string(freePort()), "-s", "60"},
+                       "", logs.file("out"), logs.file("err"));
+    ASSERT_TRUE(waitUntil([&] { return listDir(data.file("export")).size() == 2; }, 60000)) << slurp(logs.file("err"));
+    EXPECT_EQ("", listing(data.file("Q")));
+    // Two workers beside the distributor, each with its queue.
+    EXPECT_EQ("", listing(data.file("Q1")) + listing(data.file("Q2")));
+    EXPECT_FALSE(exists(data.file("Q3")));
+    auto dump = [](const std::string& file, const char* keyword) {
+        return runProgram({"/usr/bin/dcmdump", "-M", "+P", keyword, file}).out;
+    };
+    for (std::string exported : listDir(data.file("export"))) {
+        std::string name = exported.substr(11), out = data.file("export/" + exported);  // "%010u." first
+        EXPECT_NE("", dump(out, "0035,0010")) << name;
+        for (const char* keyword : {"PatientName", "PatientID", "SOPInstanceUID", "StudyInstanceUID"}) {
+            EXPECT_NE("", dump(real + name, keyword));
+            EXPECT_NE(dump(real + name, keyword), dump(out, keyword)) << name << " " << keyword;
+        }
+    }
+    std::string fds = slurp(tools.file("scrubmill.fds"));
+    EXPECT_NE(std::string::npos, fds.find(" 2 -> ")) << fds;
+    EXPECT_EQ(std::string::npos, fds.find("socket:")) << fds;
+}
