@@ -1,13 +1,14 @@
 #!/bin/sh
 # The agent against the bundled local service, with a sample data directory:
 # registration, heartbeats, a reply that sets the display name and processing
-# flags, and a ping and an HL7 message answered on the agent's local port.
+# flags, a ping and an HL7 message answered on the agent's local port, and a
+# real DICOM image de-identified by the processing workers.
 set -eu
 cd "$(dirname "$0")/.."
 ./scripts/bootstrap.sh
 cmake -S . -B build >/dev/null
-cmake --build build -j "$(nproc)" --target hubTalk localService >/dev/null
-echo "== built hubTalk and the local service"
+cmake --build build -j "$(nproc)" --target hubTalk localService scrubmill imagemill >/dev/null
+echo "== built hubTalk, its companions and the local service"
 
 demo="$(mktemp -d /tmp/hubtalk-demo.XXXXXX)"
 svc="$demo/service"; data="$demo/data"; export_dir="$demo/export"
@@ -28,6 +29,8 @@ echo "listening on port $port"
 printf 'Demo Clinic' >"$svc/boxes/demo-box"
 printf 'display_name=Demo Clinic&optimize=OA' >"$svc/replies/heartbeat"
 printf 'display_name=Demo Clinic' >"$svc/replies/init"
+# Crop bands for every modality: 10 % of the height blanked at the top.
+printf '10|0|0|0|0' >"$svc/replies/CROP"
 : >"$svc/commands.log"
 tail -n +1 -f "$svc/commands.log" | sed -u 's/^/   service received: /' &
 pids="$pids $!"
@@ -76,6 +79,31 @@ printf 'MSH|^~\\&|RIS|CLINIC|HUBTALK|CLINIC|20261122120000||ORU^R01|DEMO0001|P|2
 mllp_send --loose -f "$demo/message.hl7" -p "$api_port" 127.0.0.1 | tr '\r' '\n' | sed 's/^/   ack: /'
 echo "   (AA: stored in the inbound HL7 directory before the answer went out)"
 ls "$hl7_in" | sed 's/^/   stored: /'
+
+# De-identification needs an export directory of its own: a second box.
+data2="$demo/data2"; export2="$demo/export2"
+mkdir -p "$data2" "$export2"
+printf 'Demo Clinic 2' >"$svc/boxes/demo-box-2"
+cp build/pki/ca.crt "$data2/sundel.crt"
+printf '127.0.0.1' >"$data2/hosts.txt"
+printf '%s' "$port" >"$data2/port.txt"
+printf 'demo-box-2' >"$demo/name2.txt"
+step "a second box de-identifying images: hubTalk -d $data2 -f name2.txt -V $export2 -N 1 -s 6"
+./build/hubTalk/hubTalk -d "$data2" -f "$demo/name2.txt" -V "$export2" -N 1 -s 6 \
+    >"$demo/agent2.out" 2>"$demo/agent2.err" &
+pids="$pids $!"
+image="$(/usr/bin/python3 -c 'import pydicom, os; print(os.path.dirname(pydicom.__file__))')/data/test_files/CT_small.dcm"
+for _ in $(seq 1 100); do [ -d "$data2/Q" ] && break; sleep 0.1; done
+echo "   a real CT image dropped into the processing queue $data2/Q"
+dcmdump -M +P PatientName +P PatientID +P StudyInstanceUID "$image" | sed 's/^/   before: /'
+cp "$image" "$data2/Q/ct.dcm"
+touch -d '1 minute ago' "$data2/Q/ct.dcm"
+for _ in $(seq 1 300); do [ -n "$(ls "$export2")" ] && break; sleep 0.1; done
+for f in "$export2"/*; do
+    [ -e "$f" ] || { echo "   (nothing exported yet; see $demo/agent2.err)"; break; }
+    echo "   exported: $(basename "$f")"
+    dcmdump -M +P PatientName +P PatientID +P StudyInstanceUID +P 0035,0010 "$f" | sed 's/^/   after:  /'
+done
 
 step "waiting for the next heartbeat"
 n="$(grep -c '^heartbeat|' "$svc/commands.log")"
