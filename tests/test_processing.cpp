@@ -274,7 +274,11 @@ TEST_F(Processing, AgentChainWithTheReferenceCompanions) {
     ASSERT_EQ(0, symlink(HUBTALK_BIN, tools.file("hubTalk").c_str()));
     ASSERT_EQ(0, symlink((built + "/scrubmill").c_str(), tools.file("scrubmill.real").c_str()));
     tool("scrubmill", "ls -l /proc/$$/fd >> \"$0.fds\"; exec \"$0.real\" \"$@\"");
+    unlink(tools.file("imagemill").c_str());
+    ASSERT_EQ(0, symlink((built + "/imagemill").c_str(), tools.file("imagemill").c_str()));
     svc.setReply("CROP", "0|0|0|0|0");
+    for (const char* verb : {"init", "heartbeat"})  // pixel processing on too
+        svc.setReply(verb, "display_name=Clinic One&optimize=OA");
     const std::string real = CT.substr(0, CT.rfind('/') + 1);
     for (std::string name : {"CT_small.dcm", "MR_small.dcm"}) {
         spit(data.file("Q/" + name), slurp(real + name));
@@ -282,7 +286,7 @@ TEST_F(Processing, AgentChainWithTheReferenceCompanions) {
     }
     TempDir logs;
     ChildProcess agent({tools.file("hubTalk"), "-d", dir(), "-V", data.file("export"), "-N", "1-2",
-                        "-p", std::to_string(freePort()), "-s", "60"},
+                        "-p", std::to_string(freePort()), "-s", "6"},
                        "", logs.file("out"), logs.file("err"));
     ASSERT_TRUE(waitUntil([&] { return listDir(data.file("export")).size() == 2; }, 60000)) << slurp(logs.file("err"));
     EXPECT_EQ("", listing(data.file("Q")));
@@ -292,6 +296,13 @@ TEST_F(Processing, AgentChainWithTheReferenceCompanions) {
     auto dump = [](const std::string& file, const char* keyword) {
         return runProgram({"/usr/bin/dcmdump", "-M", "+P", keyword, file}).out;
     };
+    auto pixels = [&](const std::string& file) {
+        std::string d = logs.file("raw" + std::to_string(rand()));
+        mkdir(d.c_str(), 0775);
+        runProgram({"/usr/bin/dcmdump", "+W", d, file});
+        std::vector<std::string> raw = listDir(d);
+        return raw.size() == 1 ? slurp(d + "/" + raw[0]) : "<none>";
+    };
     for (std::string exported : listDir(data.file("export"))) {
         std::string name = exported.substr(11), out = data.file("export/" + exported);  // "%010u." first
         EXPECT_NE("", dump(out, "0035,0010")) << name;
@@ -299,6 +310,12 @@ TEST_F(Processing, AgentChainWithTheReferenceCompanions) {
             EXPECT_NE("", dump(real + name, keyword));
             EXPECT_NE(dump(real + name, keyword), dump(out, keyword)) << name << " " << keyword;
         }
+        // Recompressed losslessly: the decoded pixels are the original ones.
+        EXPECT_NE(std::string::npos, dump(out, "TransferSyntaxUID").find("JPEGLSLossless")) << name;
+        ASSERT_EQ(0, runProgram({"/usr/bin/dcmdjpls", out, logs.file("plain.dcm")}).status);
+        std::string original = pixels(real + name);
+        EXPECT_GT(original.size(), 1000u) << name;
+        EXPECT_EQ(original, pixels(logs.file("plain.dcm"))) << name;
     }
     std::string fds = slurp(tools.file("scrubmill.fds"));
     EXPECT_NE(std::string::npos, fds.find(" 2 -> ")) << fds;
