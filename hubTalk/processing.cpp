@@ -182,7 +182,7 @@ void processing_loop_proc(WorkerContext* context) {
     }
     closedir(d);
 
-    qsort(listed.data(), listed.size(), sizeof(Listed), fileCmp);
+    if (!listed.empty()) qsort(listed.data(), listed.size(), sizeof(Listed), fileCmp);
     for (const Listed& l : listed) {
         std::string path = dir + "/" + l.name;
         struct stat st;
