@@ -114,17 +114,26 @@ void daemonInit(const char* dir, bool daemonize) {
     signal(SIGHUP, SIG_IGN);
     signal(SIGPIPE, SIG_IGN);
 
+    // Held back across fork: a new worker would otherwise run the parent's
+    // handler for a stop meant for it until it resets its own, and lose it.
+    sigset_t stops, before;
+    sigemptyset(&stops);
+    sigaddset(&stops, SIGTERM);
+    sigaddset(&stops, SIGINT);
     int delay = 0;
     for (;;) {
         if (stopRequested) exit(0);
+        sigprocmask(SIG_BLOCK, &stops, &before);
         pid_t pid = fork();
-        if (pid < 0) throwFatal("Error forking");
         if (pid == 0) {
             signal(SIGTERM, SIG_DFL);
-            becomeWorker(dir);
+            becomeWorker(dir);  // SIGINT ignored
+            sigprocmask(SIG_SETMASK, &before, nullptr);
             return;
         }
-        supervisedChild = pid;
+        supervisedChild = pid > 0 ? pid : 0;
+        sigprocmask(SIG_SETMASK, &before, nullptr);
+        if (pid < 0) throwFatal("Error forking");
         if (stopRequested) kill(pid, SIGTERM);
         double started = monotonicSeconds();
         int status = waitWorker(pid);

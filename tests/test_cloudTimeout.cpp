@@ -10,49 +10,37 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <string>
 #include <thread>
 
 #include "localServiceHarness.h"
 #include "morvaNet.h"
-#include "process.h"
-#include "sendFile.h"
-#include "testUtil.h"
 
 namespace {
-
-std::string sendTo(const std::string& dataDir, int port, int& status) {
-    SendFile s(dataDir.c_str(), false, false);
-    s.addDest("127.0.0.1", std::to_string(port).c_str(), "4443");
-    return s.sendCommand("box7|LOG|msg|anyone", status, true);
-}
 
 TEST(CloudTimeout, SilentPeersAreCutOff) {
     // One says nothing at all; the other acknowledges the start marker and
     // then holds the connection: the agent waits inside its TLS handshake.
-    TempDir data;
-    LocalService svc, mute;
-    svc.prepareAgentDataDir(data.path(), "box7", "Clinic One");
-    svc.setFault(LocalService::Fault::Silent);
-    mute.setFault(LocalService::Fault::MuteAfterOk);
-    int mutePort = mute.port();
-
     // Both wait on their own thread's alarm at the same time.
-    std::string silent = "unset", handshake = "unset";
-    int silentStatus = -1, handshakeStatus = -1;
+    TempDir data;
+    LocalService silent, mute;
+    silent.prepareAgentDataDir(data.path(), "box7", "Clinic One");
+    silent.setFault(LocalService::Fault::Silent);
+    mute.setFault(LocalService::Fault::MuteAfterOk);
+    std::string replies[2] = {"unset", "unset"};
+    int status[2] = {-1, -1};
     std::string err = stderrOf([&] {
-        std::thread a([&] { silent = sendTo(data.path(), svc.port(), silentStatus); });
-        std::thread b([&] { handshake = sendTo(data.path(), mutePort, handshakeStatus); });
-        a.join();
-        b.join();
+        std::thread threads[2];
+        for (int i = 0; i < 2; i++)
+            threads[i] = std::thread([&, i, port = (i ? mute : silent).port()] {
+                SendFile s(data.path().c_str(), false, false);
+                s.addDest("127.0.0.1", std::to_string(port).c_str(), "4443");
+                replies[i] = s.sendCommand("box7|LOG|msg|anyone", status[i], true);
+            });
+        for (auto& t : threads) t.join();
     });
-
-    EXPECT_EQ(silent, "");
-    EXPECT_EQ(silentStatus, 1);
-    EXPECT_EQ(handshake, "");
-    EXPECT_EQ(handshakeStatus, 1);
-    EXPECT_NE(err.find("Acknowledgement from server for command start failed"), std::string::npos)
-        << err;
+    EXPECT_EQ(replies[0] + replies[1], "");
+    EXPECT_EQ(status[0] + status[1], 2);
+    EXPECT_NE(err.find("Acknowledgement from server for command start failed"), std::string::npos) << err;
     EXPECT_NE(err.find("Fatal error during TLS handshake"), std::string::npos) << err;
 }
 
@@ -63,10 +51,7 @@ TEST(CloudTimeout, StalledResolverIsCutOffAtItsDeadline) {
     std::string conf = dir.path() + "/resolv.conf";
     spit(conf, "nameserver 127.0.0.77\noptions timeout:30 attempts:1\n");
     int dns = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(53);
-    a.sin_addr.s_addr = inet_addr("127.0.0.77");
+    sockaddr_in a{AF_INET, htons(53), {inet_addr("127.0.0.77")}, {}};
     if (bind(dns, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
         close(dns);
         GTEST_SKIP() << "needs root to hold a resolver port";
@@ -76,9 +61,7 @@ TEST(CloudTimeout, StalledResolverIsCutOffAtItsDeadline) {
         if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
             mount(conf.c_str(), "/etc/resolv.conf", nullptr, MS_BIND, nullptr) != 0)
             _exit(77);
-        char host[] = "stalled.lookup.test", port[] = "443";
-        char* hosts[] = {host};
-        char* ports[] = {port};
+        char host[] = "stalled.lookup.test", port[] = "443", *hosts[] = {host}, *ports[] = {port};
         double start = monotonicSeconds();
         AddrInfo ai;
         ai.init(1, hosts, ports, true, false, true);

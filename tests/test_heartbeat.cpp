@@ -10,8 +10,6 @@
 #include "processResults.h"
 #include "settings.h"
 #include "startup.h"
-#include "testUtil.h"
-#include "util.h"
 
 namespace {
 
@@ -27,34 +25,30 @@ protected:
         memset(q, 'x', sizeof q);
         return heartbeatQuery(data.path().c_str(), intip, q);
     }
-    void put(const std::string& name, const std::string& text) { spit(data.file(name), text); }
     const std::string pid = std::to_string(getpid());
     TempDir data;
 };
 
 TEST_F(Heartbeat, QueryFromStateFiles) {
     snprintf(applications2, sizeof applications2, ", No Sundel Image Processing");
-    EXPECT_EQ(query("127.0.0.1"), "version=0-0-0&fqdn=&intip=127.0.0.1&port=&bcpid=" + pid +
-                                      ", No Sundel Image Processing&os=OS X");
-
-    put("hubTalkVer.txt", "20240101:10\n");
-    put("storescpVer.txt", "3.6.7");
-    put("hostName.txt", " box7 \n");
-    put("scpPort.txt", "104\n");
-    put("CLIENTVP6.txt", " parentBox\n");
+    EXPECT_EQ(query("127.0.0.1"),
+              "version=0-0-0&fqdn=&intip=127.0.0.1&port=&bcpid=" + pid + ", No Sundel Image Processing&os=OS X");
+    for (auto [name, text] : {std::pair{"hubTalkVer.txt", "20240101:10\n"}, {"storescpVer.txt", "3.6.7"},
+                              {"hostName.txt", " box7 \n"}, {"scpPort.txt", "104\n"}, {"CLIENTVP6.txt", " parentBox\n"}})
+        spit(data.file(name), text);
     snprintf(EmbedType, sizeof EmbedType, "mini");
     snprintf(applications1, sizeof applications1, "File-Export (/exp)");
     EXPECT_EQ(query(), "version=20240101:10-3.6.7-0&fqdn=box7&intip=10.0.0.5&port=104&parent=parentBox&bcpid=" + pid +
                            "&embedded_type=mini&applications=File-Export (/exp), No Sundel Image Processing&os=OS X");
 
-    // The whole query is cut at 649 characters, losing "&os=" first ...
+    // The whole query is cut at 649 characters, losing "&os=" first, and one
+    // that just fits keeps it.
     memset(applications1, 'a', 700);
     applications1[700] = '\0';
     std::string q = query();
     EXPECT_EQ(q.size(), 649u);
     EXPECT_EQ(q.find("&os="), std::string::npos);
     EXPECT_NE(q.find("&bcpid=" + pid + "&embedded_type=mini&applications=aaa"), std::string::npos);
-    // ... and one that just fits keeps it.
     applications1[0] = '\0';
     size_t rest = 649 - query().size() - strlen("&applications=");
     snprintf(applications1, sizeof applications1, "%s", std::string(rest, 'b').c_str());
@@ -79,25 +73,19 @@ class MainLoopCycle : public Heartbeat {
 protected:
     void SetUp() override {
         Heartbeat::SetUp();
-        service.prepareAgentDataDir(data.path(), "box7", "Front Desk");
+        svc.prepareAgentDataDir(data.path(), "box7", "Front Desk");
         sleeps.clear();
         newestAtSleep.clear();
-        loggingService = &service;
+        loggingService = &svc;
     }
     void cycle() { loopCycle(data.path().c_str(), recordSleep); }
-    std::vector<std::string> withPrefix(const std::string& prefix) {
-        std::vector<std::string> out;
-        for (const auto& c : service.commands())
-            if (c.compare(0, prefix.size(), prefix) == 0) out.push_back(c);
-        return out;
-    }
-    LocalService service;
+    LocalService svc;
 };
 
 TEST_F(MainLoopCycle, HeartbeatReplyIsProcessedBetweenTheSleeps) {
     snprintf(viewpointDir, sizeof viewpointDir, "%s", data.file("export").c_str());
     NUM_WORKERS = 2;
-    service.setReply("heartbeat", "display_name=Back Office&optimize=OA");
+    svc.setReply("heartbeat", "display_name=Back Office&optimize=OA");
     sleepTime = 10;
     char intip[256];
     get_intip(intip, sizeof intip);
@@ -106,40 +94,37 @@ TEST_F(MainLoopCycle, HeartbeatReplyIsProcessedBetweenTheSleeps) {
 
     EXPECT_EQ(slurp(data.file("internalIp.txt")), intip);
     EXPECT_EQ(sleeps, (std::vector<unsigned>{3, 3, 3}));
-    EXPECT_EQ(withPrefix("heartbeat|"), std::vector<std::string>{expected});
+    EXPECT_EQ(svc.countStartingWith("heartbeat|"), 1u);
     // The server list, the first sleep, then the heartbeat before the second.
     ASSERT_EQ(newestAtSleep.size(), 3u);
     EXPECT_EQ(newestAtSleep[0].rfind("ips", 0), 0u) << newestAtSleep[0];
     EXPECT_EQ(newestAtSleep[1], expected);
-
     EXPECT_STREQ(Util::decrypt(slurp(data.file("displayName.txt")).c_str()), "Back Office");
     EXPECT_EQ(slurp(data.file("ANON.txt")), "heartbeat");
 
     // The next heartbeat reports the new description.
     sleepTime = 3;
     cycle();
-    EXPECT_EQ(std::vector<unsigned>(sleeps.begin() + 3, sleeps.end()), (std::vector<unsigned>{1, 1, 1}));
-    std::vector<std::string> heartbeats = withPrefix("heartbeat|");
-    ASSERT_EQ(heartbeats.size(), 2u);
-    EXPECT_NE(heartbeats[1].find("&bcpid=" + pid + ", anonymization for export (strict,optimized), 2 workers&os=OS X"),
+    EXPECT_EQ(sleeps, (std::vector<unsigned>{3, 3, 3, 1, 1, 1}));
+    EXPECT_EQ(svc.countStartingWith("heartbeat|"), 2u);
+    EXPECT_NE(newestAtSleep[4].find("&bcpid=" + pid + ", anonymization for export (strict,optimized), 2 workers&os=OS X"),
               std::string::npos)
-        << heartbeats[1];
+        << newestAtSleep[4];
 }
 
 TEST_F(MainLoopCycle, FailuresAreReportedOnlyForAPositiveCount) {
     sleepTime = 3;
-    for (const char* notACount : {"abc", "0", "", " -2"}) {
-        put("ErrorFile.txt", notACount);
+    for (const char* notACount : {"abc", "0", "", " -2", "missing"}) {
+        spit(data.file("ErrorFile.txt"), notACount);
+        if (notACount[0] == 'm') unlink(data.file("ErrorFile.txt").c_str());
         cycle();
     }
-    unlink(data.file("ErrorFile.txt").c_str());
+    EXPECT_EQ(svc.countStartingWith("heartbeat|"), 5u);
+    EXPECT_EQ(svc.countStartingWith("failure|"), 0u);
+    spit(data.file("ErrorFile.txt"), " 3\n");
     cycle();
-    EXPECT_EQ(withPrefix("heartbeat|").size(), 5u);
-    EXPECT_TRUE(withPrefix("failure|").empty());
-
-    put("ErrorFile.txt", " 3\n");
-    cycle();
-    EXPECT_EQ(withPrefix("failure|"), std::vector<std::string>{"failure|fqdn=box7&numFailedDicomAttempts=3"});
+    EXPECT_EQ(svc.countStartingWith("failure|"), 1u);
+    EXPECT_EQ(svc.countStartingWith("failure|fqdn=box7&numFailedDicomAttempts=3"), 1u);
     EXPECT_EQ(slurp(data.file("ErrorFile.txt")), "0");
 }
 

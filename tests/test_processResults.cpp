@@ -6,8 +6,6 @@
 
 #include <atomic>
 #include <thread>
-#include <utility>
-#include <vector>
 
 #include "buildConfig.h"
 #include "options.h"
@@ -28,10 +26,10 @@ protected:
         snprintf(viewpointDir, sizeof viewpointDir, "%s", data.file("export").c_str());
     }
     void TearDown() override { resetSettings(); }
-
-    void reply(const std::string& text) { processResults(data.path().c_str(), text.c_str()); }
+    void reply(const std::string& text, int times = 1) {
+        while (times-- > 0) processResults(data.path().c_str(), text.c_str());
+    }
     std::string read(const std::string& name) { return slurp(data.file(name)); }
-    void put(const std::string& name, const std::string& text) { spit(data.file(name), text); }
     // The flag files there with their contents; anonExport, pixelProcessing and
     // pixelProcessingRetain as "apr" ('-' when off); the description.
     std::string state() {
@@ -41,29 +39,26 @@ protected:
         return s + (anonExport ? "a" : "-") + (pixelProcessing ? "p" : "-") + (pixelProcessingRetain ? "r" : "-") +
                "|" + applications2;
     }
-
     TempDir data;
 };
 
 TEST_F(ProcessResults, OptimizeCodesSetAndClearTheFlagFiles) {
-    const std::string none = "---|, No Sundel Image Processing";
-    const std::string retain = "--r|, Sundel Image Processing + Retain original Pixel Data, 2 workers";
-    const std::string anon = "|, anonymization for export (";
-    // Flag files a person wrote ("by hand") are never removed; a hand-made
-    // strict flag is marked non-strict instead.
+    const std::string none = "---|, No Sundel Image Processing", anon = "|, anonymization for export (",
+                      retain = "--r|, Sundel Image Processing + Retain original Pixel Data, 2 workers";
+    // Flag files a person wrote are never removed; a hand-made strict flag is
+    // marked non-strict instead.
     const std::string hand = "optimizePixel=mine retainPixel=set by hand\n strict_anon=yes ";
-    const std::vector<std::pair<const char*, std::string>> steps = {
+    const std::pair<const char*, std::string> steps[] = {
         {"optimize=R", "retainPixel=heartbeat " + retain},
         {"optimize=D", none},
         {"optimize=R", "retainPixel=heartbeat " + retain},
-        {"optimize=OA",
-         "optimizePixel=heartbeat strict_anon=heartbeat ANON=heartbeat ap-" + anon + "strict,optimized), 2 workers"},
+        {"optimize=OA", "optimizePixel=heartbeat strict_anon=heartbeat ANON=heartbeat ap-" + anon + "strict,optimized), 2 workers"},
         {"display_name=Front Desk", none},  // no code means "D"
         {"optimize=YA", "strict_anon=heartbeat ANON=heartbeat a--" + anon + "strict,original), 2 workers"},
         {"optimize=OAN", "optimizePixel=heartbeat ANON=heartbeat ap-" + anon + "non-strict,optimized), 2 workers"},
         {"optimize=N", "noProcessing=heartbeat optimizePixel=heartbeat " + none},
         {"optimize=D", none},
-        {"by hand", ""},  // a person writes three of the flag files
+        {"by hand", ""},
         {"optimize=D", hand + retain},
         {"optimize=R", hand + retain},
         {"optimize=O", hand + retain},
@@ -73,9 +68,8 @@ TEST_F(ProcessResults, OptimizeCodesSetAndClearTheFlagFiles) {
     NUM_WORKERS = 2;
     for (const auto& [code, expected] : steps) {
         if (expected.empty()) {
-            put("retainPixel.txt", "set by hand\n");
-            put("optimizePixel.txt", "mine");
-            put("strict_anon.txt", "yes");
+            for (auto [f, text] : {std::pair{"retainPixel", "set by hand\n"}, {"optimizePixel", "mine"}, {"strict_anon", "yes"}})
+                spit(data.file(std::string(f) + ".txt"), text);
             continue;
         }
         reply(code);
@@ -83,15 +77,17 @@ TEST_F(ProcessResults, OptimizeCodesSetAndClearTheFlagFiles) {
     }
 }
 
+// The command line's modes: any code but "N" removes "noProcessing", whatever
+// it holds; "Y" ends the command line's anonymisation; a site with an EMR
+// interface keeps its own description.
 TEST_F(ProcessResults, CommandLineFlagsAndWhoGetsADescription) {
     _anonExport = _pixelProcessing = true;
     reply("optimize=N");
     EXPECT_EQ(state(), "noProcessing=heartbeat ---|, No Sundel Image Processing");
-    // Any other code removes it, whatever it holds; "Y" ends the command line's anonymisation.
-    put("noProcessing.txt", "by hand");
+    spit(data.file("noProcessing.txt"), "by hand");
     reply("optimize=DY");
     EXPECT_EQ(state(), "-p-|, Sundel Image Processing, 1 workers");
-    EMR_INTF = EMR_CENTRICITY;  // a site with an EMR interface keeps its own description
+    EMR_INTF = EMR_CENTRICITY;
     reply("optimize=OA");
     EXPECT_EQ(state(), "optimizePixel=heartbeat strict_anon=heartbeat ANON=heartbeat ap-|, Sundel Image Processing, 1 workers");
 }
@@ -123,24 +119,21 @@ protected:
         mkdir(install.c_str(), 0775);
         locateProgram((install + "/vshubTalk").c_str());
         UPDATE = true;
-        for (const char* v : {"hubTalkVer.txt", "storescpVer.txt", "dicomDicVer.txt"}) put(v, "20240101:10");
+        for (const char* v : {"hubTalkVer.txt", "storescpVer.txt", "dicomDicVer.txt"}) spit(data.file(v), "20240101:10");
     }
     void tool(const std::string& cases) {
-        std::string path = install + "/download";
-        spit(path, "#!/bin/sh\necho \"$1\" >> \"$(dirname \"$0\")/calls.log\"\ncase \"$1\" in\n" + cases + "\nesac\n");
-        chmod(path.c_str(), 0755);
+        spit(install + "/download", "#!/bin/sh\necho \"$1\" >> \"$(dirname \"$0\")/calls.log\"\ncase \"$1\" in\n" + cases + "\nesac\n");
+        chmod((install + "/download").c_str(), 0755);
     }
-    std::string calls() { return slurp(install + "/calls.log"); }
     std::string inst(const std::string& name) { return slurp(install + "/" + name); }
-    std::string url(const std::string& path) {
+    std::string url(const std::string& piece) {
         std::string base = HUBTALK_DOWNLOAD_BASE;
-        return base.substr(0, base.find_last_not_of('/') + 1) + path;
+        return base.substr(0, base.find_last_not_of('/') + 1) + "/varnesk_sundel/" + piece + "\n";
     }
-    // Nineteen replies in a child process (a replaced program exits); its exit status.
+    // Nineteen of each reply in a child process (a replaced program exits); its exit status.
     int nineteenInChild(const std::vector<std::string>& replies) {
         return inChild([&] {
-            for (const std::string& r : replies)
-                for (int i = 0; i < 19; ++i) reply(r);
+            for (const std::string& r : replies) reply(r, 19);
             return 0;
         });
     }
@@ -150,21 +143,20 @@ protected:
 TEST_F(SelfUpdate, DictionaryOnEveryNineteenthCallWhenNewerAsText) {
     tool("*/pieces/dicom.dic) printf '(0010,0010) PN PatientName\\n' > \"$2\" ;;\n*) exit 1 ;;");
     // "10" sorts before "9"; "0" is never offered, not even when nothing is installed.
-    put("dicomDicVer.txt", "9");
+    spit(data.file("dicomDicVer.txt"), "9");
     unlink(data.file("hubTalkVer.txt").c_str());
-    for (int i = 0; i < 19; ++i) reply("dicomDicVer=10&hubTalkVer=0");
-    EXPECT_EQ(calls(), "");
-    for (int i = 0; i < 18; ++i) reply("dicomDicVer=90&optimize=D");
-    EXPECT_EQ(calls(), "");
+    reply("dicomDicVer=10&hubTalkVer=0", 19);
+    reply("dicomDicVer=90&optimize=D", 18);
+    EXPECT_EQ(inst("calls.log"), "");
     reply("dicomDicVer=90&optimize=D");
-    EXPECT_EQ(calls(), url("/varnesk_sundel/pieces/dicom.dic") + "\n");
+    EXPECT_EQ(inst("calls.log"), url("pieces/dicom.dic"));
     EXPECT_EQ(read("dicom.dic"), "(0010,0010) PN PatientName\n");
     EXPECT_EQ(read("dicomDicVer.txt"), "90");
     EXPECT_FALSE(exists(data.file("dicom.NEW.dic")));
     // Off: no counting at all.
     UPDATE = false;
     resetSelfUpdateCount();
-    for (int i = 0; i < 19; ++i) reply("dicomDicVer=99");
+    reply("dicomDicVer=99", 19);
     EXPECT_EQ(read("dicomDicVer.txt"), "90");
 }
 
@@ -175,28 +167,28 @@ TEST_F(SelfUpdate, ProgramAndReceiverReplacedThenExitOne) {
     tool("*/piecesX/hubTalk) printf 'new program' > \"$2\" ;;\n"
          "*/piecesX/storescp) printf 'new receiver' > \"$2\" ;;\n*) exit 1 ;;");
     EXPECT_EQ(nineteenInChild({"hubTalkVer=20250202:02&storescpVer=3.7.0"}), 1);
-    EXPECT_EQ(calls(), url("/varnesk_sundel/piecesX/storescp") + "\n" + url("/varnesk_sundel/piecesX/hubTalk") + "\n");
+    EXPECT_EQ(inst("calls.log"), url("piecesX/storescp") + url("piecesX/hubTalk"));
     EXPECT_EQ(inst("vshubTalk") + "|" + inst("vshubTalk.SV"), "new program|old program");
     EXPECT_FALSE(exists(install + "/vshubTalk.NEW"));
-    EXPECT_EQ(read("hubTalkVer.txt"), "20250202:02");
     EXPECT_EQ(inst("vsstorescp") + "|" + inst("vsstorescp.SV"), "new receiver|old receiver");
-    EXPECT_EQ(read("storescpVer.txt"), "3.7.0");
+    EXPECT_EQ(read("hubTalkVer.txt") + "|" + read("storescpVer.txt"), "20250202:02|3.7.0");
     struct stat st;
     ASSERT_EQ(stat((install + "/vshubTalk").c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0755u);
-}
 
-TEST_F(SelfUpdate, FailuresEndTheCheckAndRestoreTheOldProgram) {
-    spit(install + "/vshubTalk", "old program");
     // A failed dictionary download ends the check before the program. Then the
     // tool claims success without writing the program: the second move fails
     // and the saved program comes back.
+    spit(install + "/vshubTalk", "old program");
+    unlink((install + "/vshubTalk.SV").c_str());
+    unlink((install + "/calls.log").c_str());
+    spit(data.file("hubTalkVer.txt"), "20240101:10");
     tool("*/pieces/dicom.dic) exit 3 ;;\n*) exit 0 ;;");
     EXPECT_EQ(nineteenInChild({"hubTalkVer=20250202:02&dicomDicVer=20250101:00", "hubTalkVer=20250202:02"}), 0);
     EXPECT_EQ(inst("vshubTalk"), "old program");
     EXPECT_FALSE(exists(install + "/vshubTalk.SV"));
     EXPECT_EQ(read("hubTalkVer.txt"), "20240101:10");
-    EXPECT_EQ(calls(), url("/varnesk_sundel/pieces/dicom.dic") + "\n" + url("/varnesk_sundel/piecesX/hubTalk") + "\n");
+    EXPECT_EQ(inst("calls.log"), url("pieces/dicom.dic") + url("piecesX/hubTalk"));
 }
 
 TEST_F(SelfUpdate, DownloadsNeitherOverlapNorHoldUpOtherReplies) {
@@ -206,14 +198,12 @@ TEST_F(SelfUpdate, DownloadsNeitherOverlapNorHoldUpOtherReplies) {
     NUM_WORKERS = 3;
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < 19; ++i) reply(t % 2 ? "optimize=R&dicomDicVer=20250101:00" : "optimize=O&dicomDicVer=20250101:00");
-        });
+        threads.emplace_back([&, t] { reply(t % 2 ? "optimize=R&dicomDicVer=20250101:00" : "optimize=O&dicomDicVer=20250101:00", 19); });
     for (auto& t : threads) t.join();
     // Every nineteenth of the 76 calls comes due; one due while another runs is skipped.
-    std::string log = calls();
+    std::string log = inst("calls.log");
     EXPECT_EQ(log.find("overlap"), std::string::npos) << log;
-    EXPECT_NE(log.find(url("/varnesk_sundel/pieces/dicom.dic")), std::string::npos);
+    EXPECT_NE(log.find(url("pieces/dicom.dic")), std::string::npos);
     EXPECT_TRUE(applications2 == std::string(", Sundel Image Processing, 3 workers") ||
                 applications2 == std::string(", Sundel Image Processing + Retain original Pixel Data, 3 workers"))
         << applications2;
@@ -222,7 +212,7 @@ TEST_F(SelfUpdate, DownloadsNeitherOverlapNorHoldUpOtherReplies) {
     resetSelfUpdateCount();
     tool("*) touch \"$(dirname \"$0\")/started\"; i=0\n"
          "   while [ ! -e \"$(dirname \"$0\")/release\" ] && [ $i -lt 200 ]; do sleep 0.05; i=$((i+1)); done; exit 1 ;;");
-    for (int i = 0; i < 18; ++i) reply("dicomDicVer=20250101:00");
+    reply("dicomDicVer=20250101:00", 18);
     std::thread due([&] { reply("dicomDicVer=20250101:00"); });
     ASSERT_TRUE(waitUntil([&] { return exists(install + "/started"); }, 5000));
     std::atomic<bool> answered{false};

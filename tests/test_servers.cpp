@@ -1,33 +1,26 @@
 // Destination lists, their rotation and port rules, and the server-list
 // refresh with its fall-backs.
 #include <gtest/gtest.h>
-
 #include <arpa/inet.h>
 #include <netdb.h>
 #include <netinet/in.h>
 
 #include <set>
-#include <string>
-#include <vector>
 
 #include "localServiceHarness.h"
 #include "morvaNet.h"
-#include "process.h"
-#include "sendFile.h"
-#include "testUtil.h"
 
 namespace {
 
 // True when the session's list is a rotation of order.
 bool isRotation(const SendFile& s, const std::vector<std::string>& order) {
-    if ((size_t)s.hostCount != order.size()) return false;
-    for (size_t start = 0; start < order.size(); ++start) {
+    bool any = false;
+    for (size_t start = 0; start < order.size() && (size_t)s.hostCount == order.size(); ++start) {
         bool same = true;
-        for (size_t i = 0; i < order.size() && same; ++i)
-            same = s.hosts[i] == order[(start + i) % order.size()];
-        if (same) return true;
+        for (size_t i = 0; i < order.size(); ++i) same = same && s.hosts[i] == order[(start + i) % order.size()];
+        any = any || same;
     }
-    return false;
+    return any;
 }
 
 TEST(Destinations, RotationKeepsFileOrder) {
@@ -62,8 +55,7 @@ TEST(Destinations, PortRules) {
         s.loadDests();
         ASSERT_EQ(s.hostCount, 3);
         for (int i = 0; i < s.hostCount; ++i)
-            EXPECT_STREQ(s.ports[i], std::string(s.hosts[i]) == RECEIVER_HOST ? "4443" : expected)
-                << s.hosts[i];
+            EXPECT_STREQ(s.ports[i], std::string(s.hosts[i]) == RECEIVER_HOST ? "4443" : expected) << s.hosts[i];
         remove(data.file("port.txt").c_str());
     }
 }
@@ -74,8 +66,7 @@ TEST(Resolution, NumericFlagAndFirstResolvableEntry) {
     EXPECT_EQ(AddrInfo::hintFlags("1.2.3.4a.5"), AI_NUMERICSERV);
 
     // Empty entries are skipped; a four-dot number fails without any lookup.
-    char h0[] = "", h1[] = "1.2.3.4.5", h2[] = "127.0.0.7";
-    char p0[] = "1", p1[] = "80", p2[] = "5001";
+    char h0[] = "", h1[] = "1.2.3.4.5", h2[] = "127.0.0.7", p0[] = "1", p1[] = "80", p2[] = "5001";
     char* hosts[] = {h0, h1, h2};
     char* ports[] = {p0, p1, p2};
     AddrInfo ai;
@@ -90,26 +81,35 @@ TEST(Resolution, NumericFlagAndFirstResolvableEntry) {
 
 using Refresh = ServiceTest;
 
-TEST_F(Refresh, SameListLeftAloneNewListWritten) {
+TEST_F(Refresh, SameListLeftAloneNewListWrittenEmptyListSeededFromReceiver) {
     spit(data.file("hosts.txt"), "127.0.0.1\n");
     svc.setReply("ips", "127.0.0.1");
     EXPECT_EQ(SendFile::sendIpsCommand(dir(), false, true), 0);
     EXPECT_EQ(lastCommand(), "ips/box7");
     EXPECT_EQ(slurp(data.file("hosts.txt")), "127.0.0.1\n");  // untouched
-
     svc.setReply("ips", "  127.0.0.1\n127.0.0.3 \n");
     EXPECT_EQ(SendFile::sendIpsCommand(dir(), false, true), 0);
     EXPECT_EQ(slurp(data.file("hosts.txt")), "127.0.0.1\n127.0.0.3");
-}
 
-TEST_F(Refresh, EmptyHostsSeededFromReceiverBeforeACommand) {
+    // An empty list is seeded from the receiver file before any command.
     spit(data.file("hosts.txt"), "");
     spit(data.file("receiver.txt"), " 127.0.0.1 \n");
+    svc.setReply("ips", "127.0.0.1");
     int status = 1;
     SendFile::sendLogMsg(dir(), status, "hello", false, true);
     EXPECT_EQ(status, 0);
-    EXPECT_EQ(svc.commands(), (std::vector<std::string>{"ips/box7", "box7|LOG|msg|hello"}));
+    EXPECT_EQ(svc.commands(), (std::vector<std::string>{"ips/box7", "ips/box7", "ips/box7", "box7|LOG|msg|hello"}));
     EXPECT_EQ(slurp(data.file("hosts.txt")), "127.0.0.1");
+
+    // Unreachable: the receiver, else the default host.
+    svc.stop();
+    spit(data.file("hosts.txt"), "");
+    EXPECT_EQ(SendFile::sendIpsCommand(dir(), false, true), 1);
+    EXPECT_EQ(slurp(data.file("hosts.txt")), "127.0.0.1");
+    remove(data.file("receiver.txt").c_str());
+    spit(data.file("hosts.txt"), "");
+    EXPECT_EQ(SendFile::sendIpsCommand(dir(), false, true), 1);
+    EXPECT_EQ(slurp(data.file("hosts.txt")), RECEIVER_HOST);
 }
 
 TEST_F(Refresh, EmptyReplyFallsBackToBuiltInList) {
@@ -125,40 +125,19 @@ TEST_F(Refresh, EmptyReplyFallsBackToBuiltInList) {
     EXPECT_TRUE(hosts == "127.0.0.1" || hosts == "127.0.0.2") << hosts;
 }
 
-TEST_F(Refresh, UnreachableEndsWithReceiverOrDefaultHost) {
-    svc.stop();
-    spit(data.file("hosts.txt"), "");
-    EXPECT_EQ(SendFile::sendIpsCommand(dir(), false, true), 1);
-    EXPECT_EQ(slurp(data.file("hosts.txt")), RECEIVER_HOST);
-
-    spit(data.file("receiver.txt"), "127.0.0.1");
-    spit(data.file("hosts.txt"), "");
-    EXPECT_EQ(SendFile::sendIpsCommand(dir(), false, true), 1);
-    EXPECT_EQ(slurp(data.file("hosts.txt")), "127.0.0.1");
-}
-
 TEST_F(Refresh, ConnectFailsOverToTheLiveServer) {
     // Nothing listens on 127.0.0.2: every command must still reach 127.0.0.1.
     spit(data.file("hosts.txt"), "127.0.0.2\n127.0.0.1");
     int failed = 0;
-    for (int i = 0; i < 100; ++i) {
-        int status = 1;
-        SendFile::sendLogMsg(dir(), status, "hello", false, true);
-        failed += status != 0;
-    }
+    for (int i = 0, status = 1; i < 100; ++i, failed += status != 0) SendFile::sendLogMsg(dir(), status, "hi", false, true);
     EXPECT_EQ(failed, 0);
 }
-
-}  // namespace
-
-namespace {
 
 // Companion tools run through the shell while sessions are open on other
 // threads: they must inherit neither the connection nor the file it carries.
 TEST_F(Refresh, ToolsInheritNeitherSessionSocketsNorFiles) {
     spit(data.file("upload.bin"), "payload");
-    SendFile upload(data.path().c_str(), "upload.bin", "upload.bin", "upload.bin", dir(), "a", "b",
-                    "box7", false);
+    SendFile upload(dir(), "upload.bin", "upload.bin", "upload.bin", dir(), "a", "b", "box7", false);
     upload.addDest("127.0.0.1", std::to_string(svc.port()).c_str(), "4443");
     ASSERT_TRUE(upload.connectSession());
     ASSERT_NE(upload.file, nullptr);

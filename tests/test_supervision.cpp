@@ -2,19 +2,15 @@
 // would: signals, a worker that dies at once, a local shutdown request, and a
 // self-update of the program in installation trees of two layouts.
 #include <gtest/gtest.h>
-#include <arpa/inet.h>
-#include <netinet/in.h>
+#include <pthread.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
-#include <memory>
-
-#include "buildConfig.h"
 #include "listenerClient.h"
 #include "localServiceHarness.h"
-#include "testUtil.h"
+#include "supervisor.h"
 
 namespace {
 
@@ -53,14 +49,9 @@ std::string exeOf(int pid) {
     return n > 0 ? std::string(buf, static_cast<size_t>(n)) : "";
 }
 
-void copyProgram(const std::string& from, const std::string& to) {
-    spit(to, slurp(from));
-    chmod(to.c_str(), 0755);
-}
-
 }  // namespace
 
-TEST(Supervisor, QuietOutputInFilesHangUpIgnoredKilledWorkerRestartedInterruptStopsBoth) {
+TEST(Supervisor, QuietOutputInFilesHangUpIgnoredKilledWorkerRestartedStopSignalsStopBoth) {
     // A long path once cut the output files' names. -v: a quiet, non-verbose
     // worker rewinds the shared log before each network failure report and
     // could overwrite the parent's line.
@@ -82,6 +73,27 @@ TEST(Supervisor, QuietOutputInFilesHangUpIgnoredKilledWorkerRestartedInterruptSt
     worker = s.worker();
     EXPECT_EQ(s.parent->stop(SIGINT), 0);
     EXPECT_TRUE(waitUntil([&] { return !alive(worker); }, 5000)) << "worker outlived its parent";
+
+    // A stop that reaches a worker before it has handlers of its own, here at
+    // once after fork, still ends it; one that outlives it leaves a mark.
+    std::string mark = s.tmp.file("survived"), log = s.tmp.file("inProcess.log");
+    fflush(nullptr);
+    pid_t parent = fork();
+    if (parent == 0) {
+        freopen(log.c_str(), "w", stderr);
+        pthread_atfork(nullptr, nullptr, [] { raise(SIGTERM); });
+        daemonInit(s.data.c_str(), true);
+        spit(mark, "");
+        kill(getppid(), SIGTERM);
+        _exit(0);
+    }
+    EXPECT_TRUE(waitUntil([&] { return exists(mark) || slurp(log).find("Restarting process") != std::string::npos; },
+                          10000));
+    kill(parent, SIGTERM);
+    int status = -1;
+    EXPECT_EQ(waitChildFor(parent, 20, &status), ChildWait::Ended);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_FALSE(exists(mark)) << "a stop signal to a new worker was lost";
 }
 
 TEST(Supervisor, WorkerDyingAtOnceIsRestartedWithGrowingPauses) {
@@ -93,9 +105,8 @@ TEST(Supervisor, WorkerDyingAtOnceIsRestartedWithGrowingPauses) {
     s.start({"-l", "-p", std::to_string(heldPort)});
     // Pauses of 1 s, then 2 s: three or four starts in 4.5 s, not hundreds.
     usleep(4500 * 1000);
-    size_t restarts = s.restarts();
-    EXPECT_GE(restarts, 2u);
-    EXPECT_LE(restarts, 4u);
+    EXPECT_GE(s.restarts(), 2u);
+    EXPECT_LE(s.restarts(), 4u);
     EXPECT_NE(slurp(s.tmp.file("err")).find("Could not bind"), std::string::npos);
     EXPECT_EQ(s.parent->stop(SIGTERM), 0);  // also in the middle of a pause
     close(holder);
@@ -126,8 +137,10 @@ TEST_P(ProgramUpdate, ParentStartsTheNewProgramInPlace) {
     std::string installed = s.tmp.file(program.substr(program.compare(0, 2, "./") == 0 ? 2 : 0));
     std::string installDir = installed.substr(0, installed.rfind('/'));
     ASSERT_EQ(system(("mkdir -p '" + installDir + "'").c_str()), 0);
-    copyProgram(HUBTALK_BIN, installed);
-    copyProgram(HUBTALK_BIN, s.tmp.file("new-program"));
+    for (const std::string& to : {installed, s.tmp.file("new-program")}) {
+        spit(to, slurp(HUBTALK_BIN));
+        chmod(to.c_str(), 0755);
+    }
     spit(installDir + "/download", "#!/bin/sh\necho \"$1\" >> '" + s.tmp.file("calls.log") +
                                        "'\ncase \"$1\" in\n*/piecesX/hubTalk) cp '" + s.tmp.file("new-program") +
                                        "' \"$2\" ;;\n*) exit 1 ;;\nesac\n");
@@ -142,8 +155,7 @@ TEST_P(ProgramUpdate, ParentStartsTheNewProgramInPlace) {
     int port = freePort();
     // Started by a relative path from the test's directory, or by the absolute one.
     s.start({"-U", "-l", "-p", std::to_string(port)}, program[0] == '.' ? program : installed, s.tmp.path());
-    ASSERT_TRUE(waitUntil([&] { return talk(port, PING_REQUEST) == "success"; }, 10000))
-        << slurp(s.tmp.file("err"));
+    ASSERT_TRUE(waitUntil([&] { return talk(port, PING_REQUEST) == "success"; }, 10000)) << slurp(s.tmp.file("err"));
     for (int i = 0; i < 40 && slurp(s.data + "/hubTalkVer.txt") != "20990101:00"; i++)
         talk(port, R"({"request_type": "status"})");
     ASSERT_EQ(slurp(s.data + "/hubTalkVer.txt"), "20990101:00") << slurp(s.tmp.file("err"));

@@ -1,13 +1,15 @@
 // The local service for tests (see localServiceProcess.h), and the fixture
-// that wires an agent data directory to it.
+// that wires an agent data directory for box "box7" to a fresh one.
 #pragma once
 #include <gtest/gtest.h>
 
-#include <string>
-
+#include "bounds.h"
 #include "localServiceProcess.h"
+#include "memory.h"
+#include "process.h"
+#include "sendFile.h"
+#include "util.h"
 
-// A fixture: an agent data directory for box "box7" wired to a fresh service.
 class ServiceTest : public ::testing::Test {
 protected:
     explicit ServiceTest(const std::string& displayName = "Clinic One") {
