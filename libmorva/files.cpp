@@ -181,10 +181,19 @@ char* makePath(const char* dir, const char* name) {
 
 char* readTxt(const char* dir, const char* name, size_t most) {
     Path path(dir, name);
-    struct stat st;
-    if (!path.p || stat(path, &st) != 0 || S_ISDIR(st.st_mode)) return EMPTY_TEXT;
-    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    // Non-blocking, so that a FIFO without a writer cannot hold the reader.
+    int fd = path.p ? open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC) : -1;
     if (fd < 0) return EMPTY_TEXT;
+    struct stat st{};
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        // A directory is no error: it reads as empty without a word.
+        if (!S_ISDIR(st.st_mode)) {
+            std::string line = std::string("readTxt: not a regular file, read as empty: ") + path.p;
+            logLine(line.c_str());
+        }
+        close(fd);
+        return EMPTY_TEXT;
+    }
     char* buf = nullptr;
     size_t length = 0;
     int rc = slurpFd(fd, &buf, &length, most);

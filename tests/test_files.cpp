@@ -1,11 +1,8 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -17,7 +14,6 @@
 #include <vector>
 
 #include "files.h"
-#include "memory.h"
 #include "testUtil.h"
 
 namespace {
@@ -35,21 +31,21 @@ int modeOf(const std::string& path) {
 
 }  // namespace
 
+// Only a regular file is read; anything else, a FIFO without a writer or a
+// device too, reads as empty at once.
 TEST(ReadTxt, WhatCannotBeReadIsEmptyAndZeroBytesAreBlanked) {
     TempDir d;
-    const char* dir = d.path().c_str();
     mkdir(d.file("sub").c_str(), 0775);
-    int s = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    snprintf(addr.sun_path, sizeof addr.sun_path, "%s", d.file("sock").c_str());
-    ASSERT_EQ(bind(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
-    for (const char* name : {"missing.txt", "sub", "sock"}) EXPECT_EQ(readTxt(dir, name), EMPTY_TEXT) << name;
-    close(s);
+    ASSERT_EQ(mkfifo(d.file("fifo").c_str(), 0664), 0);
+    ASSERT_EQ(mknod(d.file("sock").c_str(), S_IFSOCK | 0664, 0), 0);
+    const std::pair<std::string, const char*> unreadable[] = {
+        {d.path(), "missing.txt"}, {d.path(), "sub"}, {d.path(), "sock"}, {d.path(), "fifo"}, {"/dev/null", ""}};
+    for (const auto& [dir, name] : unreadable)
+        EXPECT_EQ(inChild([&] { return readTxt(dir.c_str(), name) == EMPTY_TEXT ? 0 : 1; }, 5000), 0) << name;
     spit(d.file("zero.txt"), std::string("a\0b", 3));
     EXPECT_EQ(readAndFree(d.file("zero.txt").c_str(), ""), "a b");  // empty name: the path alone
     spit(d.file("value.txt"), "  v \n");
-    EXPECT_STREQ(readTrimmed(dir, "value.txt"), "v");
+    EXPECT_STREQ(readTrimmed(d.path().c_str(), "value.txt"), "v");
 }
 
 // Every way of writing a file: a whole new file with mode 0664, or nothing
@@ -69,7 +65,6 @@ TEST(WriteTxt, WritersReplaceWholeOrLeaveTheOldFile) {
         std::function<int(const std::string& dir, const std::string& text)> write;  // 0: written
     } writers[] = {
         {"w.txt", false, true, [](auto& in, auto& t) { return writeTxt(in.c_str(), "w.txt", t.c_str()) ? 0 : -1; }},
-        {"d.bin", false, true, [](auto& in, auto& t) { return writeDataSynced(in.c_str(), "d.bin", t.data(), t.size()) ? 0 : -1; }},
         {"c.txt", false, true, [&](auto& in, auto& t) {
              if (slurp(d.file("source")) != t) spit(d.file("source"), t);
              return cpFile(d.file("source").c_str(), (in + "/c.txt").c_str()) ? -1 : 0; }},
@@ -116,9 +111,8 @@ TEST(WriteTxt, WritersReplaceWholeOrLeaveTheOldFile) {
     EXPECT_FALSE(exists(absent));
     for (const std::string& p : planted) EXPECT_EQ(slurp(p), "planted") << p;
     EXPECT_EQ(getFileCount(sub.c_str()), 0);
-    EXPECT_EQ(getFileCount(d.path().c_str()), 6 + 4 * 4);  // the files, victim, source and the planted names
-    EXPECT_TRUE(writeData(d.path().c_str(), "b.bin", "x\0y", 3));
-    EXPECT_EQ(slurp(d.file("b.bin")), std::string("x\0y", 3));
+    // The files, victim, source and the planted names.
+    EXPECT_EQ(getFileCount(d.path().c_str()), static_cast<int>(std::size(writers) * 5 + 2));
 }
 
 TEST(WriteTxt, ConcurrentWritersNeverLetAReaderFindItMissingOrMixed) {
@@ -126,29 +120,17 @@ TEST(WriteTxt, ConcurrentWritersNeverLetAReaderFindItMissingOrMixed) {
     const char* dir = d.path().c_str();
     const std::string a(3000, 'a'), b(5000, 'b');
     ASSERT_TRUE(writeTxt(dir, "s.txt", a.c_str()));
-    auto writer = [&] {
-        int failed = 0;
-        for (int i = 0; i < 500; ++i) failed += !writeTxt(dir, "s.txt", (i % 2 ? a : b).c_str());
-        return failed;
-    };
-    // A process writes too; it is forked before this one has threads.
-    fflush(nullptr);
-    pid_t other = fork();
-    if (other == 0) _exit(writer());
     std::atomic<bool> stop{false};
     std::atomic<int> bad{0}, reads{0}, failed{0};
     std::thread reader([&] {
-        for (; !stop; ++reads) {
-            std::string s = readAndFree(dir, "s.txt");
-            if (s != a && s != b) ++bad;
-        }
+        for (std::string s; !stop; ++reads) s = readAndFree(dir, "s.txt"), bad += s != a && s != b;
     });
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 2; ++t) threads.emplace_back([&] { failed += writer(); });
-    for (std::thread& t : threads) t.join();
-    int status = -1;
-    EXPECT_TRUE(waitUntil([&] { return waitpid(other, &status, WNOHANG) == other; }, 60000));
-    EXPECT_EQ(status, 0);
+    std::vector<std::thread> writers;
+    for (int t = 0; t < 3; ++t)
+        writers.emplace_back([&] {
+            for (int i = 0; i < 500; ++i) failed += !writeTxt(dir, "s.txt", (i % 2 ? a : b).c_str());
+        });
+    for (std::thread& t : writers) t.join();
     stop = true;
     reader.join();
     EXPECT_EQ(failed, 0);
@@ -159,15 +141,14 @@ TEST(WriteTxt, ConcurrentWritersNeverLetAReaderFindItMissingOrMixed) {
 
 TEST(FileOps, CopiesAndMovesNeverHarmTheDestinationAndQuoteForTheShell) {
     TempDir d;
+    // Several copy buffers' worth; a file is never copied onto itself.
     std::string content(3 * 1048576 + 17, '\0');
     for (size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>(i * 131 % 251);
     spit(d.file("src.bin"), content);
-    chmod(d.file("src.bin").c_str(), 0444);
     EXPECT_EQ(cpFile(d.path().c_str(), "src.bin", d.path().c_str(), "dst.bin"), 0);
     EXPECT_TRUE(slurp(d.file("dst.bin")) == content);
-    EXPECT_EQ(modeOf(d.file("dst.bin")), 0664);
     EXPECT_EQ(cpFile(d.file("src.bin").c_str(), d.file("src.bin").c_str()), 1);
-    EXPECT_EQ(slurp(d.file("src.bin")).size(), content.size());
+    EXPECT_TRUE(slurp(d.file("src.bin")) == content);
     spit(d.file("dst.bin"), "keep");
     mkdir(d.file("adir").c_str(), 0775);
     for (const char* source : {"adir", "none"}) {
@@ -188,16 +169,4 @@ TEST(FileOps, CopiesAndMovesNeverHarmTheDestinationAndQuoteForTheShell) {
         EXPECT_FALSE(exists(other));
         unlink(other.c_str());
     }
-    EXPECT_TRUE(appendLogNoSync(d.path().c_str(), "log", "12", 2));
-    EXPECT_EQ(appendFile(d.file("dst.bin").c_str(), d.file("log").c_str()), 0);
-    writeLine("line", d.file("log").c_str());
-    EXPECT_EQ(slurp(d.file("log")), "12keepline\n");
-
-    for (const char* n : {"b", "Z", "a b", "c'd"}) spit(d.file("adir/") + n, "x");
-    Memory m;
-    int count = 0;
-    char** names = Util::listDir(d.file("adir").c_str(), &count, &m);
-    ASSERT_EQ(count, 4);
-    const char* expected[] = {"Z", "a b", "b", "c'd"};
-    for (int i = 0; i < 4; ++i) EXPECT_STREQ(names[i], expected[i]);
 }

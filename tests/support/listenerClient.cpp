@@ -1,20 +1,21 @@
 #include "listenerClient.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <signal.h>
-#include <sys/resource.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <fcntl.h>
-
 #include <cerrno>
 #include <cstdio>
+#include <filesystem>
+#include <set>
 
 #include "listener.h"
 #include "settings.h"
@@ -23,7 +24,7 @@
 const char* const PING_REQUEST = R"({"request_type": "ping"})";
 
 int connectTo(int port, const char* host, int receiveTimeoutSeconds) {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in a{};
     a.sin_family = AF_INET;
     a.sin_port = htons(static_cast<uint16_t>(port));
@@ -31,16 +32,14 @@ int connectTo(int port, const char* host, int receiveTimeoutSeconds) {
     timeval tv{receiveTimeoutSeconds, 0};
     // Bounds the connect as well, on a listener that no longer accepts.
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
-    if (connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
-        int e = errno;
-        close(fd);
-        errno = e;
-        return -1;
-    }
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
     int one = 1;
     setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-    return fd;
+    if (connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0) return fd;
+    int e = errno;
+    close(fd);
+    errno = e;
+    return -1;
 }
 
 bool sendAll(int fd, const std::string& bytes) {
@@ -69,11 +68,10 @@ ListenerProcess::ListenerProcess(const std::string& data, const ListenerOptions&
     for (const std::string* dir : {&options.hl7Dir, &options.exportDir, &options.hl7Cache})
         if (!dir->empty()) mkdir(dir->c_str(), 0775);
     m_port = freePort();
-    int command[2], reply[2];
-    if (pipe2(command, O_CLOEXEC) != 0 || pipe2(reply, O_CLOEXEC) != 0) ADD_FAILURE() << "no pipes";
     fflush(nullptr);
     m_pid = fork();
     if (m_pid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);  // never outlives the test
         // Anything a request makes the listener create by mistake lands in view.
         if (chdir(data.c_str()) != 0) _exit(4);
         if (!options.errorLog.empty() && !freopen(options.errorLog.c_str(), "a", stderr)) _exit(5);
@@ -90,33 +88,9 @@ ListenerProcess::ListenerProcess(const std::string& data, const ListenerOptions&
         snprintf(HL7_cache, sizeof HL7_cache, "%s", options.hl7Cache.c_str());
         PORT = m_port;
         REMOTE = options.remote;
-        NumTcpThreads = options.threads;
         if (!startListener()) _exit(3);
-        close(command[1]);
-        close(reply[0]);
-        for (;;) {
-            int ms = 0;
-            ssize_t got = read(command[0], &ms, sizeof ms);
-            if (got < 0 && errno == EINTR) continue;
-            if (got != sizeof ms) _exit(0);  // the test is gone
-            // Every number below the lowest free one is taken: with the limit
-            // there each new descriptor fails with EMFILE, while poll may
-            // still watch that many.
-            rlimit saved{};
-            getrlimit(RLIMIT_NOFILE, &saved);
-            int lowest = open("/dev/null", O_RDONLY | O_CLOEXEC);
-            if (lowest >= 0) close(lowest);
-            rlimit none{static_cast<rlim_t>(lowest < 0 ? 0 : lowest), saved.rlim_max};
-            char lowered = setrlimit(RLIMIT_NOFILE, &none) == 0;
-            if (write(reply[1], &lowered, 1) != 1) _exit(8);
-            usleep(static_cast<useconds_t>(ms) * 1000);
-            setrlimit(RLIMIT_NOFILE, &saved);
-        }
+        for (;;) pause();
     }
-    close(command[0]);
-    close(reply[1]);
-    m_command = command[1];
-    m_reply = reply[0];
     if (!waitUntil([&] { return talk(m_port, PING_REQUEST) == "success"; }, 5000))
         ADD_FAILURE() << "the listener on port " << m_port << " does not answer";
 }
@@ -126,13 +100,20 @@ ListenerProcess::~ListenerProcess() {
         kill(m_pid, SIGKILL);
         waitpid(m_pid, nullptr, 0);
     }
-    close(m_command);
-    close(m_reply);
 }
 
-bool ListenerProcess::runOutOfDescriptors(int ms) {
-    char lowered = 0;
-    return write(m_command, &ms, sizeof ms) == sizeof ms && read(m_reply, &lowered, 1) == 1 && lowered;
+bool ListenerProcess::shortOfDescriptors(bool shortage) {
+    if (!shortage) return prlimit(m_pid, RLIMIT_NOFILE, &m_limit, nullptr) == 0;
+    // Every number below the lowest free one is taken: with the limit there
+    // each new descriptor fails with EMFILE, while poll may still watch that many.
+    std::set<int> taken;
+    for (const auto& fd : std::filesystem::directory_iterator("/proc/" + std::to_string(m_pid) + "/fd"))
+        taken.insert(std::stoi(fd.path().filename()));
+    rlim_t lowest = 0;
+    while (taken.count(static_cast<int>(lowest))) lowest++;
+    if (prlimit(m_pid, RLIMIT_NOFILE, nullptr, &m_limit) != 0) return false;
+    rlimit none{lowest, m_limit.rlim_max};
+    return prlimit(m_pid, RLIMIT_NOFILE, &none, nullptr) == 0;
 }
 
 int ListenerProcess::wait() {

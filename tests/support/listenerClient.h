@@ -1,60 +1,54 @@
 // Loopback clients of the local request listener, and a listener run in a
-// child process of its own (its queues are process-wide, so one process
-// serves one listening socket).
+// child process of its own (its queues are process-wide).
 #pragma once
+#include <sys/resource.h>
 #include <sys/types.h>
 
 #include <string>
-#include <utility>
 
 extern const char* const PING_REQUEST;
 
-// A connected socket with a receive and send time-out, which bounds the
-// connect too, or -1 (errno kept).
+// A connected socket whose receive and send time-out also bounds the
+// connect, or -1 (errno kept).
 int connectTo(int port, const char* host = "127.0.0.1", int receiveTimeoutSeconds = 90);
 bool sendAll(int fd, const std::string& bytes);
-// Everything until the peer ends the connection; closes fd. timedOut tells
-// whether our own receive time-out ended it instead.
+// Everything until the peer ends the connection; closes fd. timedOut: our
+// own receive time-out ended it instead.
 std::string readAll(int fd, bool* timedOut = nullptr);
 // One connection: the bytes (then optionally the end of sending), the whole
 // answer; "<refused>" when it could not connect.
-std::string talk(int port, const std::string& bytes, bool endSending = false,
-                 const char* host = "127.0.0.1", int timeoutSeconds = 90);
+std::string talk(int port, const std::string& bytes, bool endSending = false, const char* host = "127.0.0.1",
+                 int timeoutSeconds = 90);
 
+// Directories are made; empty ones are not set. errorLog takes its standard
+// error; fileSizeLimit, when above 0, is the largest file it may write.
 struct ListenerOptions {
-    ListenerOptions() = default;
-    ListenerOptions(std::string hl7Dir, bool remote = false, int threads = 3)
-        : hl7Dir(std::move(hl7Dir)), remote(remote), threads(threads) {}
-
-    std::string hl7Dir;  // the inbound HL7 directory (made), none when empty
-    bool remote = false;
-    int threads = 3;
-    std::string exportDir;  // the export directory (made), none when empty
-    std::string hl7Cache;   // the HL7 cache directory (made), none when empty
-    std::string errorLog;   // where its standard error goes, inherited when empty
-    long fileSizeLimit = 0;  // largest file it may write (a full disk), none when 0
+    ListenerOptions(std::string hl7Dir = "", bool remote = false, std::string exportDir = "", std::string hl7Cache = "",
+                    std::string errorLog = "", long fileSizeLimit = 0)
+        : hl7Dir(hl7Dir), remote(remote), exportDir(exportDir), hl7Cache(hl7Cache), errorLog(errorLog),
+          fileSizeLimit(fileSizeLimit) {}
+    std::string hl7Dir;
+    bool remote;
+    std::string exportDir, hl7Cache, errorLog;
+    long fileSizeLimit;
 };
 
 // Serves the data directory (also its working directory) until the object
-// goes, when it is killed; the constructor waits until it answers a ping.
+// goes; the constructor waits until it answers a ping.
 class ListenerProcess {
 public:
     explicit ListenerProcess(const std::string& dataDir, const ListenerOptions& options = {});
     ~ListenerProcess();
     ListenerProcess(const ListenerProcess&) = delete;
     ListenerProcess& operator=(const ListenerProcess&) = delete;
-
     int port() const { return m_port; }
-    // The exit status once the process ended by itself.
-    int wait();
-    // Lowers its descriptor limit (RLIMIT_NOFILE) so that no descriptor is
-    // left for ms, as when the agent runs out, and then restores it; true
-    // once it is lowered.
-    bool runOutOfDescriptors(int ms);
+    int wait();  // the exit status once it ended by itself
+    // Lowers its descriptor limit so that none is left, as when the agent
+    // runs out, or restores it; true when done.
+    bool shortOfDescriptors(bool shortage);
 
 private:
     pid_t m_pid = -1;
     int m_port = 0;
-    int m_command = -1;  // to the process's main thread
-    int m_reply = -1;
+    rlimit m_limit{};
 };

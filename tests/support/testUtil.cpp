@@ -11,7 +11,6 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -20,10 +19,8 @@
 TempDir::TempDir() {
     const char* base = getenv("TMPDIR");
     std::string templ = std::string(base && *base ? base : "/tmp") + "/hubtalk-test-XXXXXX";
-    std::vector<char> buf(templ.begin(), templ.end());
-    buf.push_back('\0');
-    if (!mkdtemp(buf.data())) throw std::runtime_error("mkdtemp failed");
-    m_path = buf.data();
+    if (!mkdtemp(&templ[0])) throw std::runtime_error("mkdtemp failed");
+    m_path = templ;
 }
 
 TempDir::~TempDir() {
@@ -32,30 +29,18 @@ TempDir::~TempDir() {
 }
 
 std::string slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
     std::ostringstream ss;
-    ss << in.rdbuf();
+    ss << std::ifstream(path, std::ios::binary).rdbuf();
     return ss.str();
 }
 
 void spit(const std::string& path, const std::string& content) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << content;
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
 }
 
 bool exists(const std::string& path) {
     struct stat st;
     return stat(path.c_str(), &st) == 0;
-}
-
-// In a forked child: change into cwd (when given) and run argv; never returns.
-[[noreturn]] static void execIn(const std::vector<std::string>& argv, const std::string& cwd) {
-    if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(126);
-    std::vector<char*> args;
-    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    execv(args[0], args.data());
-    _exit(127);
 }
 
 static int exitStatus(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status); }
@@ -104,14 +89,18 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::stri
                            const std::string& stdoutPath, const std::string& stderrPath) {
     m_pid = fork();
     if (m_pid < 0) throw std::runtime_error("fork failed");
-    if (m_pid == 0) {
-        setpgid(0, 0);
-        int out = open(stdoutPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-        int err = open(stderrPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-        if (out >= 0) dup2(out, 1);
-        if (err >= 0) dup2(err, 2);
-        execIn(argv, cwd);
-    }
+    if (m_pid > 0) return;
+    setpgid(0, 0);
+    int out = open(stdoutPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    int err = open(stderrPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (out >= 0) dup2(out, 1);
+    if (err >= 0) dup2(err, 2);
+    if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(126);
+    std::vector<char*> args;
+    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    execv(args[0], args.data());
+    _exit(127);
 }
 
 ChildProcess::~ChildProcess() {
@@ -135,19 +124,15 @@ int ChildProcess::stop(int signal, int timeoutMs) {
 
 bool waitUntil(const std::function<bool()>& condition, int timeoutMs) {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    for (;;) {
-        if (condition()) return true;
+    for (; !condition(); usleep(20000))
         if (std::chrono::steady_clock::now() >= deadline) return false;
-        usleep(20000);
-    }
+    return true;
 }
 
 std::vector<int> childrenOf(int pid) {
     std::vector<int> result;
-    std::string path = "/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) + "/children";
-    std::istringstream in(slurp(path));
-    int child;
-    while (in >> child) result.push_back(child);
+    std::istringstream in(slurp("/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) + "/children"));
+    for (int child; in >> child;) result.push_back(child);
     return result;
 }
 

@@ -26,19 +26,16 @@ bool exists(const std::string& path);
 
 struct RunResult {
     int status = -1;  // exit status, or 128 + signal
-    std::string out;
-    std::string err;
+    std::string out, err;
 };
 // Runs argv[0] with the arguments in cwd (when non-empty), capturing both streams.
-RunResult runProgram(const std::vector<std::string>& argv, const std::string& cwd = "",
-                     int timeoutSeconds = 60);
+RunResult runProgram(const std::vector<std::string>& argv, const std::string& cwd = "", int timeoutSeconds = 60);
 
 // A TCP port on 127.0.0.1 that was free a moment ago.
 int freePort();
 // A socket listening on 127.0.0.1 at a free port (-1 on failure); a receive
 // buffer above 0 is set before listening, so connections inherit it.
 int listenLoopback(int* port, int receiveBuffer = 0);
-
 // Path of a file of the build's development PKI (ca.crt, server.crt, ...).
 std::string pkiFile(const std::string& name);
 
@@ -46,12 +43,11 @@ std::string pkiFile(const std::string& name);
 // (SIGTERM, then SIGKILL) when the object goes.
 class ChildProcess {
 public:
-    ChildProcess(const std::vector<std::string>& argv, const std::string& cwd,
-                 const std::string& stdoutPath, const std::string& stderrPath);
+    ChildProcess(const std::vector<std::string>& argv, const std::string& cwd, const std::string& stdoutPath,
+                 const std::string& stderrPath);
     ~ChildProcess();
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
-
     int pid() const { return m_pid; }
     // Sends the signal and waits up to the given time; returns the exit status
     // (128 + signal when killed), or -1 when it did not end in time.
@@ -66,10 +62,8 @@ private:
 
 // Polls the condition every 20 ms; true when it held within the time.
 bool waitUntil(const std::function<bool()>& condition, int timeoutMs);
-
 // Runs body in a forked child: its result as exit status (128 + signal when
 // killed), or -1 when it did not end within the time (it is then killed).
 int inChild(const std::function<int()>& body, int timeoutMs = 60000);
-
 // Direct children of a process (from /proc).
 std::vector<int> childrenOf(int pid);
