@@ -58,6 +58,8 @@ bool endsWith(const std::string& text, const char* tail) {
     return text.size() >= n && text.compare(text.size() - n, n, tail) == 0;
 }
 
+void removeLeftovers(const char* path);
+
 // The attribute checks and the anonymiser. ANON_EXPORT when pixel
 // processing may follow.
 int anonymise(const char* path, int worker) {
@@ -123,8 +125,30 @@ int anonymise(const char* path, int worker) {
     }
     logToService("Sundel:  Anonymization Processing Loop, scrubmill command FAILED");
     unlink(input.c_str());
+    removeLeftovers(path);
     if (VERBOSE) printf("Command failed %s\n", command.c_str());
     return ANON_DISCARD;
+}
+
+// A companion stopped half-way may leave its temporary ("<name>.scrub.<pid>",
+// "<name>.im.<worker>") beside the file; the next pass would take it for a
+// queued image.
+void removeLeftovers(const char* path) {
+    std::string dir = path, base = path;
+    size_t slash = dir.rfind('/');
+    dir = slash == std::string::npos ? "." : dir.substr(0, slash);
+    base = slash == std::string::npos ? base : base.substr(slash + 1);
+    DIR* d = opendir(dir.c_str());
+    if (!d) return;
+    std::vector<std::string> found;
+    while (struct dirent* e = readdir(d)) {
+        std::string name = e->d_name;
+        if (name.compare(0, base.size() + 7, base + ".scrub.") == 0 ||
+            name.compare(0, base.size() + 4, base + ".im.") == 0)
+            found.push_back(dir + "/" + name);
+    }
+    closedir(d);
+    for (const std::string& f : found) unlink(f.c_str());
 }
 
 void flag(bool* passedUnprocessed) {
@@ -163,6 +187,7 @@ int processAnonFile(const char* path, int worker, long mtime, bool* passedUnproc
                shellArg(path);
     if (runCompanion(dataDir, command) != 0) {
         logToService("Processing Sundel:  imagemill FAILED");
+        removeLeftovers(path);
         flag(passedUnprocessed);
     }
     return ANON_EXPORT;

@@ -108,7 +108,8 @@ TEST_F(Processing, AnonymisationRulesAndFailures) {
         {"report", {"SOPClassUID=1.2.840.10008.5.1.4.1.1.88.11"}, "error", COPY, ANON_EXPORT, "", true},
         {"tool fails", {}, "0|0|0|0|0", "exit 1", ANON_DISCARD, "scrubmill command FAILED", true},
         {"no output", {}, "0|0|0|0|0", "exit 0", ANON_DISCARD, "scrubmill command FAILED", true},
-        {"tool hangs", {}, "0|0|0|0|0", "sleep 30", ANON_DISCARD, "scrubmill command FAILED", true},
+        {"tool hangs", {}, "0|0|0|0|0", "touch \"$(eval echo \\${$#}).scrub.99\"; sleep 30", ANON_DISCARD,
+         "scrubmill command FAILED", true},
     };
     anonExport = true;
     spit(data.file("toolTimeout.txt"), "2");
@@ -130,6 +131,7 @@ TEST_F(Processing, AnonymisationRulesAndFailures) {
         }
         EXPECT_EQ(c.result == ANON_EXPORT || !c.scrubRuns, exists(path));
         EXPECT_FALSE(exists(path + ".T"));
+        EXPECT_FALSE(exists(path + ".scrub.99"));  // a stopped tool's temporary
         if (c.scrubRuns) {
             EXPECT_EQ(!report, args("scrubmill").find("--clip-percent\n" + std::string(c.crops) + "\n") !=
                                    std::string::npos);
@@ -166,7 +168,8 @@ TEST_F(Processing, PixelProcessingAgeAndFailures) {
     } cases[] = {
         {"processed", true, false, 1800, "true", true, false, ""},
         {"too old", true, false, 1801, "true", false, true, "File date too far behind"},
-        {"tool fails", true, false, 10, "exit 3", true, true, "Processing Sundel:  imagemill FAILED"},
+        {"tool fails", true, false, 10, "touch \"$(eval echo \\${$#}).im.2\"; exit 3", true, true,
+         "Processing Sundel:  imagemill FAILED"},
         {"retained, fails", false, true, 10, "exit 3", true, false, "imagemill FAILED"},
     };
     for (const Case& c : cases) {
@@ -180,6 +183,7 @@ TEST_F(Processing, PixelProcessingAgeAndFailures) {
         EXPECT_EQ(ANON_EXPORT, processAnonFile(path.c_str(), 2, time(nullptr) - c.age, &flag));
         EXPECT_EQ(c.flagged, flag);
         EXPECT_EQ(c.runs, args("imagemill") != "<not run>");
+        EXPECT_FALSE(exists(path + ".im.2"));
         if (*c.log) {
             EXPECT_TRUE(logged(c.log));
         }
