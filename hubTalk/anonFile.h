@@ -7,7 +7,9 @@
 // Temporary names per worker n: the dump "ATTRS.<n>.txt" in dataDir and the
 // input copy "<path>.T" beside the file. The ".T" copy is the only copy of
 // the image while the anonymiser runs: a leftover one (the agent stopped
-// meanwhile) is put back by recoverInputCopies, never forgotten.
+// meanwhile) is put back by recoverInputCopies, never forgotten. A tool that
+// fails or runs out of time has its temporaries ("<name>.scrub.*",
+// "<name>.im.*") removed, so no pass takes them for images.
 //
 // The crop answer from the service reaches the command line as one quoted
 // shell word. An answer of "EMPTY" or "ERROR" in any case counts as none
