@@ -75,12 +75,7 @@ int main(int argc, char** argv) {
     bool modeGiven = false;
     for (int i = 1; i < argc; ++i) {
         std::string a = argv[i];
-        auto value = [&](std::string& into) {
-            if (i + 1 >= argc)
-                return false;
-            into = argv[++i];
-            return true;
-        };
+        auto value = [&](std::string& into) { return Mill::optionValue(argc, argv, i, into); };
         if (a == "--help" || a == "-h") {
             usage(stdout);
             return 0;

@@ -129,3 +129,9 @@ bool nativePixelBytes(DcmItem* dataset, Uint8*& bytes, unsigned long& length) {
 }
 
 }  // namespace Mill
+
+bool Mill::optionValue(int argc, char** argv, int& i, std::string& into) {
+    if (i + 1 >= argc) return false;
+    into = argv[++i];
+    return true;
+}

@@ -11,6 +11,10 @@ namespace Mill {
 
 // Loads a file that carries the "DICM" preamble and meta header, every
 // element in memory. On failure err says why.
+// The value following the option argv[i] (i moves on to it); false when
+// the command line ends there.
+bool optionValue(int argc, char** argv, int& i, std::string& into);
+
 bool loadDicomFile(const std::string& path, DcmFileFormat& file, std::string& err);
 
 // Writes file to tmp in the transfer syntax xfer (EXS_Unknown: the one it
