@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -58,6 +59,17 @@ bool exists(const std::string& path) {
     return lstat(path.c_str(), &st) == 0;
 }
 
+// Renames without replacing anything at the target: 0, EEXIST, or another
+// errno value. Where the file system cannot refuse a replacement itself (or
+// the target lies on another one), the target is looked at first.
+int moveNoReplace(const std::string& from, const std::string& to) {
+    if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return 0;
+    int e = errno;
+    if (e != EINVAL && e != ENOSYS && e != EXDEV) return e;
+    if (exists(to)) return EEXIST;
+    return mvFile(from.c_str(), to.c_str()) == 0 ? 0 : EIO;
+}
+
 // Worker 0 hands a new file to the next worker under "%010u.%s". False
 // when the file is still in qDir (worker 0 then keeps it).
 bool distribute(const std::string& name, time_t mtime) {
@@ -66,8 +78,8 @@ bool distribute(const std::string& name, time_t mtime) {
     snprintf(target, sizeof target, "%010u.%s", static_cast<unsigned>(mtime), name.c_str());
     std::string from = std::string(qDir) + "/" + name;
     std::string to = queueDir(Random0) + "/" + target;
-    if (mvFile(from.c_str(), to.c_str()) != 0 && cpFile(from.c_str(), to.c_str()) == 0 &&
-        exists(to))
+    int rc = moveNoReplace(from, to);
+    if (rc != 0 && rc != EEXIST && !exists(to) && cpFile(from.c_str(), to.c_str()) == 0 && exists(to))
         unlink(from.c_str());
     return !exists(from);
 }
@@ -79,8 +91,9 @@ bool exportFile(const std::string& path, const std::string& name, bool unprocess
         std::string target = std::string(viewpointDir) + "/" + name;
         if (n) target += "." + std::to_string(n);
         if (unprocessed) target += UNPROCESSED_SUFFIX;
-        if (exists(target)) continue;
-        if (mvFile(path.c_str(), target.c_str()) == 0) return true;
+        int rc = moveNoReplace(path, target);
+        if (rc == 0) return true;
+        if (rc == EEXIST) continue;
         fprintf(stderr, "Could not move %s into the export directory; it stays queued\n",
                 path.c_str());
         return false;
