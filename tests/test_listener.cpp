@@ -1,7 +1,5 @@
 // The local request listener over real loopback sockets: JSON requests, the
-// relay to the bundled local service, MLLP-framed HL7 (acknowledgements byte
-// for byte, storage in the inbound HL7 directory, hostile control IDs and
-// garbage), floods and the bind modes.
+// relay to the bundled local service, MLLP-framed HL7, floods and the bind modes.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -97,26 +95,18 @@ protected:
 TEST(ListenerJson, PingNonsenseShutdownAndTheBindModes) {
     TempDir tmp, other;
     ListenerProcess l(tmp.path()), all(other.path(), {"", true});
-    for (const auto& [request, answer] : {std::pair{R"({"request_type": "PING"})", "success"},
-                                          {R"(  {"request_type":"Ping", "other": [1, 2]})", "success"}, {"hello", "error"},
-                                          {"{}", "error"}, {R"({"request_type": "ping")", "error"}})
+    for (const auto& [request, answer] : {std::pair{R"(  {"request_type":"PING", "other": [1, 2]})", "success"},
+                                          {"hello", "error"}, {"{}", "error"}, {R"({"request_type": "ping")", "error"}})
         EXPECT_EQ(talk(l.port(), request), answer) << request;
     // Only a sharing document may span more than one receive.
-    EXPECT_EQ(inPieces(l.port(), R"({"request_type": "ping"})", {20}, 200), "error");
+    EXPECT_EQ(inPieces(l.port(), PING_REQUEST, {20}, 200), "error");
     // Local only, unless remote: then on every address.
     EXPECT_EQ(connectTo(l.port(), "127.0.0.2"), -1);
     EXPECT_EQ(errno, ECONNREFUSED);
     EXPECT_EQ(talk(all.port(), PING_REQUEST, false, "127.0.0.2"), "success");
     EXPECT_EQ(slurp(tmp.file("APIport.txt")), std::to_string(l.port()));
 
-    EXPECT_EQ(talk(l.port(), R"({"request_type": "Shutdown"})"), "success");
-    EXPECT_EQ(l.wait(), 0);
-    EXPECT_EQ(slurp(tmp.file("SHUTDOWN.txt")), "done");
-}
-
-TEST(ListenerJson, ShutdownOnlyFromThisMachine) {
-    // A peer without a loopback address stands in for a client on the LAN.
-    TempDir tmp;
+    // Refused to a peer without a loopback address, as a client on the LAN.
     int pair[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
     EXPECT_EQ(inChild([&] {
@@ -129,6 +119,10 @@ TEST(ListenerJson, ShutdownOnlyFromThisMachine) {
     close(pair[0]);
     EXPECT_EQ(readAll(pair[1]), "error");
     EXPECT_FALSE(exists(tmp.file("SHUTDOWN.txt")));
+
+    EXPECT_EQ(talk(l.port(), R"({"request_type": "Shutdown"})"), "success");
+    EXPECT_EQ(l.wait(), 0);
+    EXPECT_EQ(slurp(tmp.file("SHUTDOWN.txt")), "done");
 }
 
 TEST_F(ListenerService, DicomSendUploadsOnlyFilesOfTheExportDirectory) {
@@ -139,19 +133,18 @@ TEST_F(ListenerService, DicomSendUploadsOnlyFilesOfTheExportDirectory) {
     EXPECT_EQ(talk(port, R"({"request_type": "DICOM send"} )" + dcm), "success");
     EXPECT_EQ(slurp(svc.storedFile("img.dcm")), slurp(dcm));
     EXPECT_NE(svc.storedHeader("img.dcm").find("|Export|Export|"), std::string::npos);
-    EXPECT_EQ(talk(port, R"({"request_type": "dicom SEND"} )" + exportDir + "/missing.dcm"), "failure");
 
-    // Readable files elsewhere, reached directly, through "..", through a
-    // link, as a directory or in a sibling directory, are never uploaded.
+    // Missing files, and readable ones elsewhere, reached directly, through
+    // "..", through a link, as a directory or in a sibling directory, are
+    // never uploaded.
     spit(outside, slurp(dcm));
     ASSERT_EQ(symlink(outside.c_str(), (exportDir + "/link.dcm").c_str()), 0);
-    ASSERT_EQ(mkdir((exportDir + "/sub").c_str(), 0775) | mkdir((exportDir + "2").c_str(), 0775), 0);
+    ASSERT_EQ(mkdir((exportDir + "2").c_str(), 0775), 0);
     spit(exportDir + "2/sibling.dcm", slurp(dcm));
     size_t before = svc.commands().size();
-    for (const std::string& path : {outside, exportDir + "/../outside.dcm", exportDir + "/link.dcm",
-                                    std::string("/etc/passwd"), exportDir + "/sub", exportDir,
-                                    exportDir + "2/sibling.dcm"})
-        EXPECT_EQ(talk(port, R"({"request_type": "DICOM send"} )" + path), "failure") << path;
+    for (const std::string& path : {outside, exportDir + "/../outside.dcm", exportDir + "/link.dcm", exportDir,
+                                    exportDir + "/missing.dcm", exportDir + "2/sibling.dcm"})
+        EXPECT_EQ(talk(port, R"({"request_type": "dicom SEND"} )" + path), "failure") << path;
     EXPECT_EQ(svc.commands().size(), before);
 }
 
@@ -162,7 +155,6 @@ TEST_F(ListenerService, RelayedAnswersAndTheHeartbeatAfterAFailure) {
     svc.setReply("heartbeat", "display_name=Renamed Clinic");
     // The heartbeat's reply is applied before the connection closes.
     EXPECT_EQ(talk(port, R"({"request_type": "broken"})"), "Error");
-    EXPECT_NE(slurp(data.file("displayName.txt")), "Clinic");
     EXPECT_EQ(logged("heartbeat|fqdn=box7"), 1u);
     // Without a request type the service is never asked, yet the heartbeat follows.
     EXPECT_EQ(talk(port, R"({"kind": "none"})"), "error");
@@ -196,7 +188,7 @@ TEST_F(ListenerService, SharingDocumentsOfAnySizeAndShape) {
     EXPECT_EQ(logged("API/box7/Clinic/1|sharing|" + doc), 1u);
 }
 
-TEST(Mllp, AcceptedMessagesAreAcknowledgedAndStored) {
+TEST(Mllp, AcceptedMessagesAreAcknowledgedAndStoredEachInAFileOfItsOwn) {
     Hl7Listener l;
     std::string file = l.tmp.file("msg.hl7");
     spit(file, msh("123") + "\nPID|1||4711||Doe^Jane\nOBX|1|TX|||All fine\n");
@@ -221,10 +213,8 @@ TEST(Mllp, AcceptedMessagesAreAcknowledgedAndStored) {
     EXPECT_EQ(l.stored("TWO1."), msh("TWO1") + "\rPID|1");
     EXPECT_EQ(l.stored("TWO2."), msh("TWO2") + "\rPID|2");
     EXPECT_EQ(listDir(l.hl7).size(), 4u);
-}
 
-TEST(Mllp, MessagesSharingAControlIdAreAllKept) {
-    Hl7Listener l;
+    // Messages sharing a control ID, from several clients at once, are all kept.
     std::atomic<int> refused{0};
     std::vector<std::thread> threads;
     for (int c = 0; c < 3; c++)
@@ -235,11 +225,8 @@ TEST(Mllp, MessagesSharingAControlIdAreAllKept) {
     for (std::thread& t : threads) t.join();
     EXPECT_EQ(refused, 0);
     std::set<std::string> contents;
-    for (const std::string& name : listDir(l.hl7)) {
-        EXPECT_TRUE(std::regex_match(name, std::regex(R"(SAME\.\d+\.hl7)"))) << name;
-        contents.insert(slurp(l.hl7 + "/" + name));
-    }
-    EXPECT_EQ(contents.size(), 1200u);  // every message, each in a file of its own
+    for (const std::string& name : listDir(l.hl7, "SAME.")) contents.insert(slurp(l.hl7 + "/" + name));
+    EXPECT_EQ(contents.size(), 1200u);
 }
 
 // Rejected messages are answered AE, kept apart from what the inbound reader
@@ -275,14 +262,14 @@ TEST(Mllp, RejectedMessagesCarryTheirControlIdAndAreNotAccepted) {
     EXPECT_TRUE(isAnswer(talk(full.port, frame(msh("LARGE") + "\r" + std::string(8990, 'x'))), false, "LARGE"));
     EXPECT_TRUE(isAnswer(talk(full.port, frame(msh("SMALL") + "\r")), true, "SMALL"));
     EXPECT_EQ(full.stored("SMALL."), msh("SMALL"));
-    EXPECT_TRUE(listDir(full.hl7, "LARGE").empty());
-    EXPECT_TRUE(listDir(full.hl7, ".").empty());
+    EXPECT_EQ(listDir(full.hl7).size() + listDir(full.hl7 + "/rejected").size(), 2u);  // SMALL's, "rejected"
 }
 
-TEST(Mllp, HostileControlIdsStayInsideTheDirectoryAndOutOfTheFraming) {
+// Hostile control IDs stay inside the directory and out of the framing;
+// garbage of any shape never stops the listener.
+TEST(Mllp, HostileControlIdsAndGarbage) {
     Hl7Listener l;
-    const std::vector<std::string> ids = {"../../escape", "a/b/c", "..", ".", "/etc/passwd", "$(touch PWNED)",
-                                          "`touch PWNED`", "x'y\"z;touch PWNED", "sp ace\\tab\t*?", "",
+    const std::vector<std::string> ids = {"../../escape", "..", ".", "x'y\"z;$(touch PWNED)", "sp ace\\tab\t*?", "",
                                           std::string(300, 'z'), "in\x1cject", "\x0b" "cr\rlf\n\x01" "del\x7f\xc3\xa9"};
     for (const std::string& id : ids) {
         std::string echo;  // echoed without control bytes
@@ -295,48 +282,30 @@ TEST(Mllp, HostileControlIdsStayInsideTheDirectoryAndOutOfTheFraming) {
     for (const std::string& name : names) EXPECT_NE(name[0], '.') << name;
     EXPECT_EQ(listDir(l.tmp.path()), (std::vector<std::string>{"APIport.txt", "HL7"}));
     EXPECT_TRUE(listDir(l.tmp.path() + "/..", "escape").empty());
-}
 
-TEST(Mllp, GarbageOfAnyShapeNeverStopsIt) {
-    Hl7Listener l;
     std::mt19937 rng(20240611);
-    for (int round = 0; round < 120; round++) {
-        std::string bytes(rng() % (round < 60 ? 200 : 40000), '\0');
+    for (int round = 0; round < 60; round++) {
+        std::string bytes(rng() % (round < 30 ? 200 : 40000), '\0');
         for (char& c : bytes) c = static_cast<char>(rng() % 256);
-        if (round % 2 == 0) {
-            // A frame of arbitrary content, zero bytes included, is answered.
-            std::replace(bytes.begin(), bytes.end(), '\x1c', 'x');
-            if (round % 4 == 0) bytes = "MSH|" + bytes;
-            std::string answer = talk(l.port, frame(bytes), true);
-            EXPECT_EQ(answer.compare(0, 28, "\x0bMSH|^~\\&|PDF||GE|ViewPoint|"), 0) << round;
-            EXPECT_EQ(answer.substr(answer.size() - 3), "\x1c\r\n") << round;
-        } else {
-            if (!bytes.empty() && bytes[0] == '\x0b') bytes[0] = '{';
-            talk(l.port, bytes, true);
-        }
+        // A frame of arbitrary content, zero bytes included, is answered.
+        std::replace(bytes.begin(), bytes.end(), '\x1c', 'x');
+        std::string answer = talk(l.port, frame((round % 2 ? "" : "MSH|") + bytes), true);
+        EXPECT_EQ(answer.compare(0, 28, "\x0bMSH|^~\\&|PDF||GE|ViewPoint|"), 0) << round;
+        EXPECT_EQ(answer.substr(answer.size() - 3), "\x1c\r\n") << round;
     }
     EXPECT_TRUE(isAnswer(talk(l.port, frame(msh("after") + "\r")), true, "after"));
     EXPECT_EQ(talk(l.port, PING_REQUEST), "success");
 }
 
-TEST(ListenerLoad, FloodsAndVanishingClientsLeaveItAnswering) {
+TEST(ListenerLoad, VanishingClientsTheConnectionLimitAndAShortageOfDescriptorsLeaveItAnswering) {
     TempDir tmp;
     ListenerProcess l(tmp.path());
-    std::atomic<int> together{0};
-    std::vector<std::thread> clients;
-    for (int i = 0; i < 50; i++) clients.emplace_back([&] { together += talk(l.port(), PING_REQUEST) == "success"; });
-    for (auto& t : clients) t.join();
-    EXPECT_EQ(together.load(), 50);
-
-    // Gone before sending, half-way through a frame, or reset mid-document.
-    for (int i = 0; i < 30; i++) {
+    // Reset mid-document, or gone half-way through a frame.
+    for (int i = 0; i < 20; i++) {
         int fd = connectTo(l.port());
-        if (i % 3 == 1) sendAll(fd, "\x0bMSH|^~\\&|half");
-        if (i % 3 == 2) {
-            linger reset{1, 0};
-            setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
-            sendAll(fd, R"({"request_type": "sharing", "x": ")");
-        }
+        linger reset{i % 2, 0};
+        setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+        sendAll(fd, i % 2 ? R"({"request_type": "sharing", "x": ")" : "\x0bMSH|^~\\&|half");
         close(fd);
     }
     EXPECT_EQ(talk(l.port(), PING_REQUEST), "success");
@@ -349,7 +318,18 @@ TEST(ListenerLoad, FloodsAndVanishingClientsLeaveItAnswering) {
     EXPECT_FALSE(timedOut[0]);
     EXPECT_TRUE(timedOut[1]);
     for (size_t i = 2; i < idle.size(); i++) close(idle[i]);
-    EXPECT_EQ(talk(l.port(), PING_REQUEST), "success");
+
+    // Clients arriving during a shortage are answered once descriptors are back.
+    std::vector<int> during;
+    ASSERT_TRUE(l.shortOfDescriptors(true));
+    for (int i = 0; i < 3; i++) {
+        during.push_back(connectTo(l.port(), "127.0.0.1", 10));
+        sendAll(during.back(), PING_REQUEST);
+    }
+    usleep(1000 * 1000);
+    ASSERT_TRUE(l.shortOfDescriptors(false));
+    for (int fd : during) EXPECT_EQ(readAll(fd), "success");
+    EXPECT_EQ(talk(l.port(), PING_REQUEST, false, "127.0.0.1", 10), "success");
 }
 
 TEST_F(ListenerService, SlowClientsAndASilentServiceHoldNeitherPingNorMllp) {
@@ -377,20 +357,4 @@ TEST_F(ListenerService, SlowClientsAndASilentServiceHoldNeitherPingNorMllp) {
     done = true;
     dribble.join();
     for (int fd : slow) close(fd);
-}
-
-TEST(ListenerLoad, AShortageOfDescriptorsPassesWithoutEndingTheListener) {
-    TempDir tmp;
-    ListenerProcess l(tmp.path());
-    // Clients arriving meanwhile are answered once descriptors are back.
-    std::vector<int> during;
-    ASSERT_TRUE(l.shortOfDescriptors(true));
-    for (int i = 0; i < 3; i++) {
-        during.push_back(connectTo(l.port(), "127.0.0.1", 10));
-        sendAll(during.back(), PING_REQUEST);
-    }
-    usleep(1000 * 1000);
-    ASSERT_TRUE(l.shortOfDescriptors(false));
-    for (int fd : during) EXPECT_EQ(readAll(fd), "success");
-    EXPECT_EQ(talk(l.port(), PING_REQUEST, false, "127.0.0.1", 10), "success");
 }

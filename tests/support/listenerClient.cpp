@@ -1,7 +1,6 @@
 #include "listenerClient.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -14,8 +13,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <filesystem>
-#include <set>
 
 #include "listener.h"
 #include "settings.h"
@@ -36,9 +33,7 @@ int connectTo(int port, const char* host, int receiveTimeoutSeconds) {
     int one = 1;
     setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
     if (connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0) return fd;
-    int e = errno;
-    close(fd);
-    errno = e;
+    close(fd);  // leaves errno as connect set it
     return -1;
 }
 
@@ -65,8 +60,7 @@ std::string talk(int port, const std::string& bytes, bool endSending, const char
 }
 
 ListenerProcess::ListenerProcess(const std::string& data, const ListenerOptions& options) {
-    for (const std::string* dir : {&options.hl7Dir, &options.exportDir, &options.hl7Cache})
-        if (!dir->empty()) mkdir(dir->c_str(), 0775);
+    for (const std::string& dir : {options.hl7Dir, options.exportDir, options.hl7Cache}) mkdir(dir.c_str(), 0775);
     m_port = freePort();
     fflush(nullptr);
     m_pid = fork();
@@ -106,11 +100,8 @@ bool ListenerProcess::shortOfDescriptors(bool shortage) {
     if (!shortage) return prlimit(m_pid, RLIMIT_NOFILE, &m_limit, nullptr) == 0;
     // Every number below the lowest free one is taken: with the limit there
     // each new descriptor fails with EMFILE, while poll may still watch that many.
-    std::set<int> taken;
-    for (const auto& fd : std::filesystem::directory_iterator("/proc/" + std::to_string(m_pid) + "/fd"))
-        taken.insert(std::stoi(fd.path().filename()));
     rlim_t lowest = 0;
-    while (taken.count(static_cast<int>(lowest))) lowest++;
+    while (exists("/proc/" + std::to_string(m_pid) + "/fd/" + std::to_string(lowest))) lowest++;
     if (prlimit(m_pid, RLIMIT_NOFILE, nullptr, &m_limit) != 0) return false;
     rlimit none{lowest, m_limit.rlim_max};
     return prlimit(m_pid, RLIMIT_NOFILE, &none, nullptr) == 0;

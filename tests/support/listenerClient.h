@@ -2,7 +2,6 @@
 // child process of its own (its queues are process-wide).
 #pragma once
 #include <sys/resource.h>
-#include <sys/types.h>
 
 #include <string>
 
@@ -23,14 +22,10 @@ std::string talk(int port, const std::string& bytes, bool endSending = false, co
 // Directories are made; empty ones are not set. errorLog takes its standard
 // error; fileSizeLimit, when above 0, is the largest file it may write.
 struct ListenerOptions {
-    ListenerOptions(std::string hl7Dir = "", bool remote = false, std::string exportDir = "", std::string hl7Cache = "",
-                    std::string errorLog = "", long fileSizeLimit = 0)
-        : hl7Dir(hl7Dir), remote(remote), exportDir(exportDir), hl7Cache(hl7Cache), errorLog(errorLog),
-          fileSizeLimit(fileSizeLimit) {}
     std::string hl7Dir;
-    bool remote;
-    std::string exportDir, hl7Cache, errorLog;
-    long fileSizeLimit;
+    bool remote = false;
+    std::string exportDir = "", hl7Cache = "", errorLog = "";
+    long fileSizeLimit = 0;
 };
 
 // Serves the data directory (also its working directory) until the object
