@@ -1,5 +1,4 @@
-// A peer or a resolver that stops answering is cut off at its deadline: the
-// call returns failure instead of hanging (this waits out a real minute).
+// A peer or resolver that stops answering is cut off at its deadline (a real minute's wait).
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
@@ -18,9 +17,8 @@
 namespace {
 
 TEST(CloudTimeout, SilentPeersAreCutOff) {
-    // One says nothing at all; the other acknowledges the start marker and
-    // then holds the connection: the agent waits inside its TLS handshake.
-    // Both wait on their own thread's alarm at the same time.
+    // One says nothing; the other acknowledges the start marker, then holds the connection
+    // (a wait inside the TLS handshake). Both wait on their own thread's alarm at once.
     TempDir data;
     LocalService silent, mute;
     silent.prepareAgentDataDir(data.path(), "box7", "Clinic One");

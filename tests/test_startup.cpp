@@ -1,5 +1,4 @@
-// Start-up driven as a user would: the built program in temporary directories,
-// plus the option rules that decide the settings.
+// Start-up driven as a user would, plus the option rules that decide the settings.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -44,18 +43,13 @@ TEST(StartupCommandLine, UsageAndRefusals) {
     TempDir tmp;
     const std::string data = tmp.file("data"), longPath = tmp.path() + "/" + std::string(260, 'p');
     // Unknown options are ignored and do not mask a later "-?". Refusals name their cause.
-    const struct {
-        std::vector<std::string> args;
-        std::string out, err;  // err: a part of standard error
-    } cases[] = {
+    const struct { std::vector<std::string> args; std::string out, err; } cases[] = {  // err: a part of it
         {{}, "", usage},
-        {{"-?"}, usage, ""},
         {{"--help"}, usage, ""},
         {{"-x", "-?"}, usage, ""},
         {{"--bogus", "-d", "-odd"}, "", "No Data Dir\n" + usage},
         {{"-R", "127.0.0.9", "-d", data}, "", "-R needs the data directory first"},
         {{"-d", longPath}, "", "Path given with -d is too long (at most 255 characters)"},
-        {{"-d", data, "-V", longPath}, "", "Path given with -V is too long"},
         {{"-d", data, "-H", "out|" + longPath}, "", "Path given with -H is too long"},
         {{"-d", data, "-p", "0"}, "", "Port given with -p must be a number from 1 to 65535"},
         {{"-d", data, "-p", "65536"}, "", "Port given with -p must be"},
@@ -111,27 +105,20 @@ TEST(StartupDataDir, IdentityIsMadeOnceAndTheNameFileChangesIt) {
     EXPECT_FALSE(exists(tmp.file("rel/rel")));
 }
 
+// Parsing the start-up tests do not reach: the loop's floor, one EMR kind
+// per branch, and over-long arguments kept within their settings.
 TEST(StartupOptions, SettingsFromTheCommandLine) {
-    parse({"-s", "1"});
+    parse({"-s", "1", "-n", "5", "-S", "short.txt|test.txt", "-H", "out|in"});
     EXPECT_EQ(sleepTime, 3);
-    parse({"--loop-sleep", "45", "-p", "7000", "-n", "5", "-l", "-S", "short.txt|test.txt", "-H", "out|in"});
-    EXPECT_EQ(sleepTime, 45);
-    EXPECT_EQ(PORT, 7000);
     EXPECT_EQ(NumTcpThreads, 5);
-    EXPECT_FALSE(REMOTE);
     EXPECT_EQ(std::string(ShortCodeFile) + TestCodeFile + HL7_dir + HL7_inputDir, "short.txttest.txtoutin");
-    const std::pair<const char*, int> kinds[] = {{"MEDITOUCH", 9}, {"Medent", 7}, {"m", 7},
-                                                 {"Allscripts", 4}, {"centricity", 3}, {"eClinical", 5},
-                                                 {"osti", 8}, {"Sevocity", 6}, {"forward", 2}, {"R", 1}, {"xyz", 0}};
-    for (const auto& [arg, kind] : kinds) {
+    for (const auto& [arg, kind] : {std::pair{"MEDITOUCH", 9}, {"m", 7}, {"centricity", 3}, {"xyz", 0}}) {
         parse({"-A", arg});
         EXPECT_EQ(EMR_INTF, kind) << arg;
     }
-    for (const char* mode : {"1", "2-12", "3-0"}) {
-        parse({"-N", mode});
-        EXPECT_EQ(anonExport + 2 * pixelProcessing + 3 * pixelProcessingRetain, mode[0] - '0') << mode;
-    }
-    std::string longArg(500, 'x');  // cut to fit, never past the settings
+    parse({"-N", "3-0"});
+    EXPECT_TRUE(pixelProcessingRetain && !anonExport && !pixelProcessing);
+    std::string longArg(500, 'x');
     parse({"-A", "r" + longArg, "-C", longArg + ":4242", "-e", longArg});
     EXPECT_EQ(ER_port, 4242);
     resetSettings();

@@ -3,6 +3,7 @@
 #include <signal.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <sstream>
 #include <stdexcept>
@@ -18,10 +19,9 @@ namespace {
 // Started with the configuration; waits until stderr or the port file shows it listens.
 std::unique_ptr<ChildProcess> startService(const TempDir& config, const std::string& address, int port) {
     std::string err = config.file("stderr." + address + ".txt");
-    auto p = std::make_unique<ChildProcess>(
-        std::vector<std::string>{LOCAL_SERVICE_BIN, "--config", config.path(), "--address", address, "--port",
-                                 std::to_string(port)},
-        "", config.file("stdout." + address + ".txt"), err);
+    auto p = std::make_unique<ChildProcess>(std::vector<std::string>{LOCAL_SERVICE_BIN, "--config", config.path(), "--address",
+                                                                     address, "--port", std::to_string(port)},
+                                            "", config.file("stdout." + address + ".txt"), err);
     if (!waitUntil([&] { return slurp(err).find("listening") != std::string::npos || p->wait(0) >= 0; }, 20000) ||
         (port == 0 && slurp(config.file("port")).empty()))
         throw std::runtime_error("local service did not start on " + address + ": " + slurp(err));
@@ -65,10 +65,7 @@ void LocalService::queueReply(const std::string& verb, const std::string& text) 
 
 void LocalService::setFault(Fault fault, bool on) {
     std::string name = std::string("faults/") + faultName(fault);
-    if (on)
-        put(name, "on");
-    else
-        remove(m_config.file(name).c_str());
+    on ? put(name, "on") : (void)remove(m_config.file(name).c_str());
 }
 
 std::vector<std::string> LocalService::commands() const {
@@ -86,9 +83,8 @@ std::vector<std::string> LocalService::commands() const {
 }
 
 size_t LocalService::countStartingWith(const std::string& prefix) const {
-    size_t n = 0;
-    for (const auto& c : commands()) n += c.compare(0, prefix.size(), prefix) == 0;
-    return n;
+    auto all = commands();
+    return std::count_if(all.begin(), all.end(), [&](const std::string& c) { return c.rfind(prefix, 0) == 0; });
 }
 
 std::string LocalService::storedFile(const std::string& name) const { return m_config.file("store/" + name); }

@@ -1,8 +1,6 @@
-// The bundled local service, run as a child process for one test or
-// benchmark: its own configuration directory, a port of its own on
-// 127.0.0.1, stopped with the object. Every setter writes the configuration
-// directory, which the service reads afresh for each connection, so settings
-// may change while it runs. Free of gtest, so the benchmarks use it as well.
+// The bundled local service as a child process on a port of its own on
+// 127.0.0.1. Setters write its configuration directory, read afresh for each
+// connection, so settings may change while it runs. Free of gtest (benchmarks).
 #pragma once
 #include <memory>
 #include <string>
@@ -15,14 +13,12 @@ class LocalService {
 public:
     using Fault = ::Fault;
 
-    // Starts the service and waits until it listens; throws when it does not.
-    LocalService();
+    LocalService();  // throws when the service does not listen
     ~LocalService() { stop(); }
     LocalService(const LocalService&) = delete;
     LocalService& operator=(const LocalService&) = delete;
 
     int port() const { return m_port; }
-    // A box the service knows: the pre-shared key is built from both.
     void addBox(const std::string& boxId, const std::string& displayName);
     // The reply to a verb ("heartbeat", "qDicom", "API" or "API.<request type>").
     void setReply(const std::string& verb, const std::string& text);
@@ -37,16 +33,14 @@ public:
     // The command lines received so far, in order, without the "|~~" end.
     std::vector<std::string> commands() const;
     size_t countStartingWith(const std::string& prefix) const;
-    // Where an upload of that name is (or would be) stored, and its header line.
+    // Where an upload of that name is stored, and its header line.
     std::string storedFile(const std::string& name) const;
     std::string storedHeader(const std::string& name) const;
 
     void stop();
-    // One more service process on another loopback address, same port and
-    // configuration, for agents that try several servers.
+    // One more service process on another loopback address, same port and configuration.
     void alsoListenOn(const std::string& address);
-    // An agent data directory that talks to this service (pinned development
-    // authority, hosts, port, identity and display name), the box made known.
+    // An agent data directory that talks to this service, the box made known.
     void prepareAgentDataDir(const std::string& dataDir, const std::string& boxId,
                              const std::string& displayName);
 
