@@ -208,8 +208,11 @@ TEST_F(Processing, DistributorSpreadsNewFilesOverTheWorkers) {
     int next = 0;
     char stamp[16];
     snprintf(stamp, sizeof stamp, "%010u.", static_cast<unsigned>(time(nullptr) - 100));
+    std::string last;
     for (const std::string& n : listDir(data.file("Q"), "-U"))
-        if (n.size() == 1 && n != "x") expected[next++ % 3 + 1].insert(stamp + n);
+        if (n.size() == 1 && n != "x") expected[next++ % 3 + 1].insert(stamp + (last = n));
+    // The fifth one's name is taken in its worker's queue: nothing is replaced.
+    spit(data.file("Q2/") + stamp + last, "waiting");
     int64_t ts = -1;
     WorkerContext distributor{&ts, 0};
     processing_loop_proc(&distributor);
@@ -217,7 +220,8 @@ TEST_F(Processing, DistributorSpreadsNewFilesOverTheWorkers) {
         std::vector<std::string> got = listDir(data.file("Q" + std::to_string(k)));
         EXPECT_EQ(expected[k], std::set<std::string>(got.begin(), got.end()));
     }
-    EXPECT_EQ("sub.dcm x x.BAD ", listing(data.file("Q")));
+    EXPECT_EQ("waiting", slurp(data.file("Q2/") + stamp + last));
+    EXPECT_EQ(last + " sub.dcm x x.BAD ", listing(data.file("Q")));
 }
 
 TEST_F(Processing, WorkerExportsOldestFirstAndLosesNothing) {
