@@ -48,14 +48,16 @@ const char* valueOr(const KeyValues<char>& table, const char* key, const char* f
     return v && *v ? v : fallback;
 }
 
-bool regularFile(const char* path) {
-    struct stat st;
-    return stat(path, &st) == 0 && S_ISREG(st.st_mode);
-}
-
-bool endsWith(const std::string& text, const char* tail) {
-    size_t n = strlen(tail);
-    return text.size() >= n && text.compare(text.size() - n, n, tail) == 0;
+// The names in dir that pass the test, all read before anything there changes.
+template <class Test>
+std::vector<std::string> namesIn(const std::string& dir, Test wanted) {
+    std::vector<std::string> names;
+    if (DIR* d = opendir(dir.c_str())) {
+        while (struct dirent* e = readdir(d))
+            if (wanted(e->d_name)) names.push_back(e->d_name);
+        closedir(d);
+    }
+    return names;
 }
 
 void removeLeftovers(const char* path);
@@ -118,7 +120,7 @@ int anonymise(const char* path, int worker) {
         command += " --strict-anon";
     command += report ? " --sundel --anonymize" : " --sundel --anonymize --clip-percent " + shellArg(crops);
     command += " " + shellArg(input) + " " + shellArg(path);
-    if (runCompanion(dataDir, command) == 0 && regularFile(path)) {
+    if (runCompanion(dataDir, command) == 0 && isRegularFile(path)) {
         unlink(input.c_str());
         if (VERBOSE) printf("Command succeeded %s\n", command.c_str());
         return ANON_EXPORT;
@@ -138,17 +140,11 @@ void removeLeftovers(const char* path) {
     size_t slash = dir.rfind('/');
     dir = slash == std::string::npos ? "." : dir.substr(0, slash);
     base = slash == std::string::npos ? base : base.substr(slash + 1);
-    DIR* d = opendir(dir.c_str());
-    if (!d) return;
-    std::vector<std::string> found;
-    while (struct dirent* e = readdir(d)) {
-        std::string name = e->d_name;
-        if (name.compare(0, base.size() + 7, base + ".scrub.") == 0 ||
-            name.compare(0, base.size() + 4, base + ".im.") == 0)
-            found.push_back(dir + "/" + name);
-    }
-    closedir(d);
-    for (const std::string& f : found) unlink(f.c_str());
+    auto temporary = [&](const std::string& name) {
+        return name.compare(0, base.size() + 7, base + ".scrub.") == 0 ||
+               name.compare(0, base.size() + 4, base + ".im.") == 0;
+    };
+    for (const std::string& name : namesIn(dir, temporary)) unlink((dir + "/" + name).c_str());
 }
 
 void flag(bool* passedUnprocessed) {
@@ -158,7 +154,7 @@ void flag(bool* passedUnprocessed) {
 }  // namespace
 
 int processAnonFile(const char* path, int worker, long mtime, bool* passedUnprocessed) {
-    if (!regularFile(path) || !isDicom(path, "")) return anonExport ? ANON_DISCARD : ANON_EXPORT;
+    if (!isRegularFile(path) || !isDicom(path, "")) return anonExport ? ANON_DISCARD : ANON_EXPORT;
     if (anonExport) {
         int result = anonymise(path, worker);
         if (result != ANON_EXPORT) return result;
@@ -194,20 +190,12 @@ int processAnonFile(const char* path, int worker, long mtime, bool* passedUnproc
 }
 
 int recoverInputCopies(const char* dir) {
-    DIR* d = opendir(dir);
-    if (!d) return 0;
-    std::vector<std::string> leftovers;
-    while (struct dirent* e = readdir(d)) {
-        std::string name = e->d_name;
-        if (name.size() > 2 && endsWith(name, ".T")) leftovers.push_back(name);
-    }
-    closedir(d);
+    auto inputCopy = [](const char* name) { return strlen(name) > 2 && endsWith(name, ".T"); };
     int recovered = 0;
-    for (const std::string& name : leftovers) {
+    for (const std::string& name : namesIn(dir, inputCopy)) {
         std::string from = std::string(dir) + "/" + name;
         std::string to = from.substr(0, from.size() - 2);
-        if (!regularFile(from.c_str())) continue;
-        if (rename(from.c_str(), to.c_str()) == 0) {
+        if (isRegularFile(from.c_str()) && rename(from.c_str(), to.c_str()) == 0) {
             fprintf(stderr, "Recovered the anonymiser's input %s\n", from.c_str());
             ++recovered;
         }

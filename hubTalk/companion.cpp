@@ -8,13 +8,6 @@
 #include "process.h"
 #include "stateFiles.h"
 
-std::string shellArg(const std::string& text) {
-    char* quoted = shellQuote(text.c_str());
-    std::string result(quoted);
-    free(quoted);
-    return result;
-}
-
 unsigned companionTimeout(const char* dataDir) {
     long seconds = atol(readTrimmed(dataDir, StateFile::TOOL_TIMEOUT));
     return seconds > 0 ? static_cast<unsigned>(seconds) : Limits::COMPANION_TIMEOUT_S;

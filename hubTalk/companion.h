@@ -1,12 +1,8 @@
 // Companion tools (anonymiser, pixel processor) run through the shell with a
 // bound on their time. Nothing of the agent is inherited: every descriptor it
-// opens is close-on-exec.
+// opens is close-on-exec. Their arguments are quoted with shellArg (files.h).
 #pragma once
 #include <string>
-
-// Text as one shell word ('...' with embedded quotes escaped): nothing in it
-// is expanded or run.
-std::string shellArg(const std::string& text);
 
 // The seconds a companion may run: "toolTimeout.txt" in dataDir when it
 // holds a positive number, else Limits::COMPANION_TIMEOUT_S.

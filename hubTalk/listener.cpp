@@ -30,6 +30,7 @@
 #include "jsn.h"
 #include "mllp.h"
 #include "morvaAlarms.h"
+#include "process.h"
 #include "settings.h"
 #include "stateFiles.h"
 #include "threads.h"
@@ -38,10 +39,7 @@ using namespace Limits;
 
 namespace {
 
-long long nowMs() {
-    using namespace std::chrono;
-    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
-}
+long long nowMs() { return static_cast<long long>(monotonicSeconds() * 1000); }
 
 void closeConnection(int fd) {
     shutdown(fd, SHUT_RDWR);

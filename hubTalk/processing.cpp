@@ -43,11 +43,6 @@ struct Listed {
     time_t mtime;
 };
 
-bool endsWith(const std::string& text, const char* tail) {
-    size_t n = strlen(tail);
-    return text.size() >= n && text.compare(text.size() - n, n, tail) == 0;
-}
-
 std::string queueDir(uint32_t worker) {
     return worker == 0 ? std::string(qDir) : std::string(qDir) + std::to_string(worker);
 }
@@ -184,7 +179,7 @@ void processing_loop_proc(WorkerContext* context) {
         unsigned age = static_cast<unsigned>(time(nullptr) - st.st_mtime);
         if (age <= SETTLE_S) sleep(age);
         if (!statOf(path, &st)) continue;
-        bool candidate = S_ISREG(st.st_mode) && !endsWith(name, BAD_SUFFIX) &&
+        bool candidate = S_ISREG(st.st_mode) && !endsWith(name.c_str(), BAD_SUFFIX) &&
                          !exists(path + BAD_SUFFIX);
         if (distributor && candidate && distribute(name, st.st_mtime)) continue;
         if (candidate) {

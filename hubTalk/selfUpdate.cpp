@@ -42,13 +42,7 @@ std::string downloadUrl(const char* path) {
 int download(const std::string& installDir, const char* path, const std::string& target) {
     std::string tool = installDir + "/download";
     std::string url = downloadUrl(path);
-    char* quotedTool = shellQuote(tool.c_str());
-    char* quotedUrl = shellQuote(url.c_str());
-    char* quotedTarget = shellQuote(target.c_str());
-    std::string command = std::string(quotedTool) + " " + quotedUrl + " " + quotedTarget;
-    free(quotedTool);
-    free(quotedUrl);
-    free(quotedTarget);
+    std::string command = shellArg(tool) + " " + shellArg(url) + " " + shellArg(target);
     int status = runBounded(command.c_str(), Limits::DOWNLOAD_TIMEOUT_S);
     if (status == RUN_TIMED_OUT) logLine("Self-update: download did not finish in time");
     return status;

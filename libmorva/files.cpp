@@ -181,17 +181,13 @@ char* makePath(const char* dir, const char* name) {
 
 char* readTxt(const char* dir, const char* name, size_t most) {
     Path path(dir, name);
-    // Non-blocking, so that a FIFO without a writer cannot hold the reader.
-    int fd = path.p ? open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC) : -1;
-    if (fd < 0) return EMPTY_TEXT;
-    struct stat st{};
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    int fd = path.p ? openRegular(path) : -1;
+    if (fd < 0) {
         // A directory is no error: it reads as empty without a word.
-        if (!S_ISDIR(st.st_mode)) {
+        if (errno == ENODEV) {
             std::string line = std::string("readTxt: not a regular file, read as empty: ") + path.p;
             logLine(line.c_str());
         }
-        close(fd);
         return EMPTY_TEXT;
     }
     char* buf = nullptr;
@@ -298,11 +294,7 @@ int mvFile(const char* source, const char* destination) {
     struct stat st;
     if (lstat(source, &st) != 0) return -1;
     // -T: a directory in the way is refused, never entered.
-    char* qs = shellQuote(source);
-    char* qd = shellQuote(destination);
-    std::string cmd = std::string("mv -fT -- ") + qs + " " + qd;
-    ::free(qs);
-    ::free(qd);
+    std::string cmd = "mv -fT -- " + shellArg(source) + " " + shellArg(destination);
     return system(cmd.c_str());
 }
 
@@ -383,6 +375,32 @@ int getFileCount(const char* dir) {
     }
     closedir(d);
     return count;
+}
+
+int openRegular(const char* path) {
+    // Non-blocking, so that a FIFO without a writer cannot hold the reader.
+    int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) return -1;
+    struct stat st{};
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        int kind = S_ISDIR(st.st_mode) ? EISDIR : ENODEV;
+        close(fd);
+        errno = kind;
+        return -1;
+    }
+    return fd;
+}
+
+bool isRegularFile(const char* path) {
+    struct stat st;
+    return path && stat(path, &st) == 0 && S_ISREG(st.st_mode);
+}
+
+std::string shellArg(const std::string& text) {
+    char* quoted = shellQuote(text.c_str());
+    std::string result(quoted);
+    ::free(quoted);
+    return result;
 }
 
 char* shellQuote(const char* text) {

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <string>
 
 #include "bounds.h"
 #include "stateFiles.h"
@@ -62,6 +63,13 @@ int getFileCount(const char* dir);
 
 // Quotes a text for the shell ('...' with embedded quotes escaped); malloc'd.
 char* shellQuote(const char* text);
+// The same as one shell word: nothing in it is expanded or run.
+std::string shellArg(const std::string& text);
+// Opens a regular file for reading, close-on-exec and without blocking on a
+// FIFO: the descriptor, or -1 (errno EISDIR for a directory, ENODEV for any
+// other kind that is not a regular file).
+int openRegular(const char* path);
+bool isRegularFile(const char* path);
 
 namespace Util {
 // Sorted names (no "." and ".."), in the arena or the ring.

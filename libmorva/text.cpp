@@ -169,6 +169,11 @@ char* decodeUrl(char* text) {
     return text;
 }
 
+bool endsWith(const char* text, const char* tail) {
+    size_t n = text ? strlen(text) : 0, m = tail ? strlen(tail) : 0;
+    return n >= m && (m == 0 || memcmp(text + n - m, tail, m) == 0);
+}
+
 const char* strrstr(const char* haystack, const char* needle) {
     if (!haystack || !needle) return nullptr;
     size_t hl = strlen(haystack), nl = strlen(needle);

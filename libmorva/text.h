@@ -24,6 +24,8 @@ unsigned char hexToChar(const char* twoDigits);
 char* encodeUrl(const char* text, bool spaceAsPlus);
 // Decodes "%xx" and "+" in place; returns the argument.
 char* decodeUrl(char* text);
+// True when text ends with tail (null counts as "").
+bool endsWith(const char* text, const char* tail);
 // Last occurrence of needle in haystack, or null.
 const char* strrstr(const char* haystack, const char* needle);
 // True when the bytes are well-formed UTF-8.

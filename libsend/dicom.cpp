@@ -1,7 +1,5 @@
 #include "dicom.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -19,24 +17,18 @@
 
 namespace {
 
-// Opens only regular files: a FIFO dropped into a watched directory must not
-// block the thread that inspects it.
-FILE* openRegular(const char* path) {
-    int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) return nullptr;
-    struct stat st;
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-        close(fd);
-        return nullptr;
-    }
-    FILE* f = fdopen(fd, "rb");
-    if (!f) close(fd);
+// Only regular files: a FIFO dropped into a watched directory must not block
+// the thread that looks at it.
+FILE* openRegularFile(const char* path) {
+    int fd = openRegular(path);
+    FILE* f = fd < 0 ? nullptr : fdopen(fd, "rb");
+    if (!f && fd >= 0) close(fd);
     return f;
 }
 
 bool startsWith(const char* dir, const char* name, long offset, const char* magic) {
     std::string path = name && *name ? std::string(dir) + "/" + name : std::string(dir);
-    FILE* f = openRegular(path.c_str());
+    FILE* f = openRegularFile(path.c_str());
     if (!f) return false;
     char head[4];
     bool yes = fseek(f, offset, SEEK_SET) == 0 && fread(head, 1, 4, f) == 4 &&
@@ -119,7 +111,7 @@ bool isDicom(const char* dir, const char* name) { return startsWith(dir, name, 1
 bool isHL7(const char* dir, const char* name) { return startsWith(dir, name, 0, "MSH|"); }
 
 char* getSopInstance(const char* path, char* out, int outSize) {
-    FILE* f = openRegular(path);
+    FILE* f = openRegularFile(path);
     if (!f) return nullptr;
     char* found = nullptr;
     unsigned char magic[4];
@@ -164,17 +156,13 @@ int getAttrMap(const char* file, KeyValues<char>& table, const char* const* tags
                const char* dir, const char* outName, Memory* mem) {
     if (!file || !dir || !outName || !mem) return 1;
     std::string dumpPath = std::string(dir) + "/" + outName;
-    char* quotedFile = shellQuote(file);
-    char* quotedDump = shellQuote(dumpPath.c_str());
     std::string command =
         "dcmdump -ll error +E -vr  -M -ml +uc +Ep +rd --convert-to-utf8 --no-uid-names";
     for (int i = 0; tags && tags[i] && tags[i][0]; ++i) {
         command += " +P ";
         command += tags[i];
     }
-    command += std::string(" ") + quotedFile + " > " + quotedDump;
-    free(quotedFile);
-    free(quotedDump);
+    command += " " + shellArg(file) + " > " + shellArg(dumpPath);
 
     if (runDump(command) != 0) {
         // Files in a character set dcmdump cannot convert still dump without it.

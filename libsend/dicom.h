@@ -1,5 +1,5 @@
-// Inspection of DICOM and HL7 files. Nothing here keeps state or logs:
-// unreadable, short or foreign files give false, null, "" or 1.
+// What DICOM and HL7 files are and what they carry. Nothing here keeps state
+// or logs: unreadable, short or foreign files give false, null, "" or 1.
 #pragma once
 #include "keyValues.h"
 

@@ -38,11 +38,6 @@ const char* const DEFAULT_HOST_PORT = "4443";
 namespace {
 
 
-bool isRegularFile(const char* path) {
-    struct stat st;
-    return path && stat(path, &st) == 0 && S_ISREG(st.st_mode);
-}
-
 uint64_t random64() {
     unsigned char b[8];
     getRandomNumber(b, 8);

@@ -2,7 +2,7 @@
 // "dcmdump -M" process on the same file: time per call and the largest
 // resident memory of the whole call (the agent's side plus the shell and
 // dcmdump under it), on a small real file and on a large multiframe file.
-// Usage: bench_inspection [MB of the large file]   (default 400)
+// Usage: bench_attributeDump [MB of the large file]   (default 400)
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>

@@ -1,5 +1,5 @@
-// File inspection against real DICOM files (the pydicom package's test files,
-// used in place) and files made here with DCMTK's tools.
+// Recognising DICOM and HL7 files and reading their attributes, on real
+// files (pydicom's test files, used in place) and files made with DCMTK.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -37,7 +37,7 @@ std::string pdfDicom(const TempDir& t, const std::string& mime, const std::strin
 
 }  // namespace
 
-TEST(Inspection, MagicBytesOnlyInRegularFiles) {
+TEST(DicomFiles, MagicBytesOnlyInRegularFiles) {
     TempDir t;
     spit(t.file("short"), std::string(131, 'x'));
     spit(t.file("hl7"), "MSH|^~\\&|x");
@@ -76,7 +76,7 @@ TEST(Inspection, MagicBytesOnlyInRegularFiles) {
     }
 }
 
-TEST(Inspection, AttributeTableOfRealFiles) {
+TEST(DicomFiles, AttributeTableOfRealFiles) {
     TempDir t;
     struct Case { const char* file; const char* keyword; const char* value; } cases[] = {
         {"CT_small.dcm", "Manufacturer", "GE MEDICAL SYSTEMS"},
@@ -94,7 +94,7 @@ TEST(Inspection, AttributeTableOfRealFiles) {
     EXPECT_FALSE(exists(t.file("dump.txt")));
 }
 
-TEST(Inspection, NamesFromTheShellAreJustNames) {
+TEST(DicomFiles, NamesFromTheShellAreJustNames) {
     TempDir t;
     for (std::string name : {"a b.dcm", "it's.dcm", "$(touch pwned).dcm", "`touch pwned`.dcm",
                              "x\"y;touch pwned.dcm"}) {
@@ -108,7 +108,7 @@ TEST(Inspection, NamesFromTheShellAreJustNames) {
 
 // Long values are not loaded, so a large file costs no more memory than a
 // small one; the attributes asked for are short, so the dump is the same.
-TEST(Inspection, LargeMultiframeDumpsTheSameWithoutLoadingPixels) {
+TEST(DicomFiles, LargeMultiframeDumpsTheSameWithoutLoadingPixels) {
     TempDir t;
     const int frames = 800, side = 512;
     {
@@ -137,7 +137,7 @@ TEST(Inspection, LargeMultiframeDumpsTheSameWithoutLoadingPixels) {
     EXPECT_STREQ("1.2.3", isSecondaryCapture(big.c_str(), t.path().c_str(), &mem));
 }
 
-TEST(Inspection, ClassifiersOnParallelCallersSharingADirectory) {
+TEST(DicomFiles, ClassifiersOnParallelCallersSharingADirectory) {
     TempDir t;
     std::string pdf = pdfDicom(t, "application/pdf", "1.2.840.10008.5.1.4.1.1.104.1");
     std::string mixedCase = pdfDicom(t, "Application/PDF", "1.2.3");
