@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "exception.h"
+#include "exportSender.h"
 #include "files.h"
 #include "listener.h"
 #include "processing.h"
@@ -22,8 +23,11 @@ void startRoleThreads() {
     rmFile(dataDir, StateFile::API_PORT);
     startListener();
     // The EMR loop comes here, as its role is built.
-    if (viewpointDir[0]) writeTxt(dataDir, StateFile::VIEWPOINT_DIR, viewpointDir);
-    // The export sender and the router come here.
+    if (viewpointDir[0]) {
+        writeTxt(dataDir, StateFile::VIEWPOINT_DIR, viewpointDir);
+        if (!startThread(dir_proc, nullptr, EXPORT_SENDER_STACK)) throwFatal("Could not create thread.");
+    }
+    // The router comes here.
     if (anyProcessingMode()) {
         // Worker 0 works in qDir; with two or more workers it only hands new
         // files on, to workers 1 .. NUM_WORKERS, each in a queue of its own.

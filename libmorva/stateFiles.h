@@ -36,6 +36,12 @@ constexpr StateFileName COMMAND_FAILURES{"ErrorFile.txt", Limits::STATE_TEXT_MOS
 constexpr StateFileName UPLOAD_FAILURES{"FileFailedCount.txt", Limits::STATE_TEXT_MOST};
 constexpr StateFileName STDERR_LOG{"stderr.bc.txt", Limits::STATE_TEXT_MOST};
 constexpr StateFileName FILE_ONLY{"fileOnly.txt", Limits::STATE_TEXT_MOST};
+// Names the export sender takes, by their ending; "*" in it means all.
+constexpr StateFileName EXPORT_SUFFIX{"exportSuffix.txt", Limits::STATE_TEXT_MOST};
+// Exams whose images were delivered ("patient\taccession\tstudy" lines),
+// for reports that come after their images; and the previous generation.
+constexpr StateFileName STUDY_INDEX{"reportStudies.txt", Limits::STATE_TEXT_MOST};
+constexpr StateFileName STUDY_INDEX_OLD{"reportStudies.old.txt", Limits::STATE_TEXT_MOST};
 // Processing flags, set by the service's replies.
 constexpr StateFileName NO_PROCESSING{"noProcessing.txt", Limits::STATE_TEXT_MOST};
 constexpr StateFileName OPTIMIZE_PIXEL{"optimizePixel.txt", Limits::STATE_TEXT_MOST};

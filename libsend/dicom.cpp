@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "bounds.h"
 #include "files.h"
@@ -110,7 +111,11 @@ bool isDicom(const char* dir, const char* name) { return startsWith(dir, name, 1
 
 bool isHL7(const char* dir, const char* name) { return startsWith(dir, name, 0, "MSH|"); }
 
-char* getSopInstance(const char* path, char* out, int outSize) {
+namespace {
+
+// A value of the file-meta group (0002,wanted), cut to outSize - 1.
+char* metaValue(const char* path, unsigned wanted, char* out, int outSize) {
+    if (!out || outSize < 1) return nullptr;
     FILE* f = openRegularFile(path);
     if (!f) return nullptr;
     char* found = nullptr;
@@ -138,7 +143,7 @@ char* getSopInstance(const char* path, char* out, int outSize) {
             char value[1025];
             if (fread(value, 1, length, f) != length) break;
             value[length] = '\0';
-            if (element == 3) {
+            if (group == 2 && element == wanted) {
                 size_t n = strnlen(value, (size_t)outSize - 1);
                 memcpy(out, value, n);
                 out[n] = '\0';
@@ -151,6 +156,12 @@ char* getSopInstance(const char* path, char* out, int outSize) {
     fclose(f);
     return found;
 }
+
+}  // namespace
+
+char* getSopInstance(const char* path, char* out, int outSize) { return metaValue(path, 3, out, outSize); }
+
+char* getSopClass(const char* path, char* out, int outSize) { return metaValue(path, 2, out, outSize); }
 
 int getAttrMap(const char* file, KeyValues<char>& table, const char* const* tags,
                const char* dir, const char* outName, Memory* mem) {
@@ -210,4 +221,140 @@ char* isPdfFile(const char* file, const char* dir, Memory* mem) {
         return strcmp(valueOr(t, "SOPClassUID"), "1.2.840.10008.5.1.4.1.1.104.1") == 0 ||
                mime.find("/pdf") != std::string::npos || mime.find("\\pdf") != std::string::npos;
     });
+}
+
+namespace {
+
+// A bounded little-endian reader over the head of a file.
+struct Head {
+    std::vector<unsigned char> bytes;
+    size_t at = 0;
+    bool ok = true;
+    uint32_t u16() {
+        if (at + 2 > bytes.size()) return ok = false, 0;
+        at += 2;
+        return bytes[at - 2] | (bytes[at - 1] << 8);
+    }
+    uint32_t u32() {
+        uint32_t lo = u16();
+        return lo | (u16() << 16);
+    }
+    bool skip(uint64_t n) {
+        if (at + n > bytes.size()) return ok = false;
+        at += n;
+        return true;
+    }
+};
+
+const uint32_t UNDEFINED = 0xFFFFFFFFu;
+
+bool longForm(const char vr[2]) {
+    static const char* const longVrs[] = {"OB", "OD", "OF", "OL", "OV", "OW", "SQ", "SV", "UC", "UN", "UR", "UT", "UV"};
+    for (const char* v : longVrs)
+        if (vr[0] == v[0] && vr[1] == v[1]) return true;
+    return false;
+}
+
+// One element header: tag and length; the VR only when explicit.
+bool element(Head& h, bool explicitVr, uint32_t& group, uint32_t& elem, uint32_t& length,
+             bool* unknownVr = nullptr) {
+    if (unknownVr) *unknownVr = false;
+    group = h.u16();
+    elem = h.u16();
+    if (!h.ok) return false;
+    if (group == 0xFFFE || !explicitVr) {
+        length = h.u32();
+        return h.ok;
+    }
+    char vr[2] = {0, 0};
+    if (h.at + 2 > h.bytes.size()) return h.ok = false;
+    vr[0] = static_cast<char>(h.bytes[h.at]);
+    vr[1] = static_cast<char>(h.bytes[h.at + 1]);
+    h.at += 2;
+    if (unknownVr) *unknownVr = vr[0] == 'U' && vr[1] == 'N';
+    if (longForm(vr)) {
+        h.u16();
+        length = h.u32();
+    } else {
+        length = h.u16();
+    }
+    return h.ok;
+}
+
+// Skips a value of undefined length: items and their elements up to the
+// sequence delimiter.
+bool skipUndefined(Head& h, bool explicitVr, int depth) {
+    if (depth > 16) return h.ok = false;
+    uint32_t g, e, len;
+    bool unknown;
+    // A sequence of unknown VR holds its items in implicit VR.
+    while (element(h, explicitVr, g, e, len, &unknown)) {
+        if (g == 0xFFFE && (e == 0xE0DD || e == 0xE00D)) return true;  // end of sequence or item
+        if (g == 0xFFFE && e == 0xE000) {
+            if (len != UNDEFINED) {
+                if (!h.skip(len)) return false;
+            } else if (!skipUndefined(h, explicitVr, depth + 1)) {
+                return false;
+            }
+            continue;
+        }
+        if (len == UNDEFINED ? !skipUndefined(h, explicitVr && !unknown, depth + 1) : !h.skip(len))
+            return false;
+    }
+    return false;
+}
+
+void takeValue(const Head& h, uint32_t length, char* out) {
+    size_t n = length < 64 ? length : 64;
+    memcpy(out, h.bytes.data() + h.at, n);
+    out[n] = '\0';
+    while (n && (out[n - 1] == ' ' || out[n - 1] == '\0')) out[--n] = '\0';
+}
+
+}  // namespace
+
+bool getStudyKeys(const char* path, StudyKeys* keys) {
+    if (!keys) return false;
+    keys->patientId[0] = keys->accession[0] = keys->studyUid[0] = '\0';
+    FILE* f = openRegularFile(path);
+    if (!f) return false;
+    Head h;
+    h.bytes.resize(Limits::STUDY_KEYS_HEAD_MOST);
+    h.bytes.resize(fread(h.bytes.data(), 1, h.bytes.size(), f));
+    fclose(f);
+    if (h.bytes.size() < 132 || memcmp(h.bytes.data() + 128, "DICM", 4) != 0) return false;
+    h.at = 132;
+    char syntax[65] = "";
+    uint32_t g, e, len;
+    for (;;) {  // the file-meta group, always explicit
+        size_t start = h.at;
+        if (!element(h, true, g, e, len)) return false;
+        if (g != 2) {
+            h.at = start;
+            break;
+        }
+        if (len == UNDEFINED || h.at + len > h.bytes.size()) return false;
+        if (e == 0x10) takeValue(h, len, syntax);
+        h.skip(len);
+    }
+    if (strcmp(syntax, "1.2.840.10008.1.2.2") == 0 || strcmp(syntax, "1.2.840.10008.1.2.1.99") == 0)
+        return false;  // big endian and deflated data sets are left to dumps
+    bool explicitVr = strcmp(syntax, "1.2.840.10008.1.2") != 0;
+    bool unknown;
+    while (element(h, explicitVr, g, e, len, &unknown)) {
+        if (g > 0x0020 || (g == 0x0020 && e > 0x000D)) return true;
+        if (len == UNDEFINED) {
+            if (!skipUndefined(h, explicitVr && !unknown, 0)) return false;
+            continue;
+        }
+        if (h.at + len > h.bytes.size()) return false;
+        if (g == 0x0010 && e == 0x0020) takeValue(h, len, keys->patientId);
+        if (g == 0x0008 && e == 0x0050) takeValue(h, len, keys->accession);
+        if (g == 0x0020 && e == 0x000D) {
+            takeValue(h, len, keys->studyUid);
+            return true;
+        }
+        h.skip(len);
+    }
+    return false;
 }

@@ -44,12 +44,22 @@ std::string Request::queryValue(const std::string& query, const std::string& key
     return "";
 }
 
+// The quoted value after "key": in an information text, "" when absent.
+static std::string infoValue(const std::string& text, const char* key) {
+    size_t at = text.find(std::string("\"") + key + "\":");
+    size_t open = at == std::string::npos ? at : text.find('"', at + strlen(key) + 3);
+    size_t close = open == std::string::npos ? open : text.find('"', open + 1);
+    return close == std::string::npos ? "" : text.substr(open + 1, close - open - 1);
+}
+
 static void parseUpload(Request& r) {
     r.kind = Request::Kind::Upload;
     r.verb = "upload";
     r.uploadId = r.fields[0];
     r.boxId = r.uploadId.substr(0, r.uploadId.find('/'));
     r.uploadName = r.fields[1];
+    if (!r.uploadName.empty() && r.uploadName[0] == '{')
+        r.uploadName = infoValue(r.uploadName, "sop_instance_id") + infoValue(r.uploadName, "file_suffix");
     const std::string& size = r.fields[2];
     r.uploadSizeValid = !size.empty() && size.size() <= 19 &&
                         size.find_first_not_of("0123456789") == std::string::npos;

@@ -20,7 +20,9 @@ struct Request {
     std::string boxId;                // the box, when the line names it
     std::string apiType;              // API requests: the request type
 
-    // Upload headers: the whole id field ("<box>/<sub>"), name and size.
+    // Upload headers: the whole id field ("<box>/<sub>"), name and size. A
+    // name field holding an information text ("{ \"sop_instance_id\": ...")
+    // names the file "<sop_instance_id><file_suffix>".
     std::string uploadId;
     std::string uploadName;
     unsigned long long uploadSize = 0;
