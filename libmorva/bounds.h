@@ -100,6 +100,26 @@ constexpr size_t IDENTITY_MOST = 256;
 constexpr size_t PORT_MOST = 16;
 constexpr size_t SERVER_LIST_MOST = 16384;
 
+// ---- export directory
+// Delivered files that could not be deleted, remembered so that they are
+// not sent again every pass.
+constexpr size_t DELIVERED_KEPT_MOST = 4096;
+// Directories below the export directory that are walked; deeper ones are
+// left with one log line.
+constexpr int EXPORT_DEPTH_MOST = 64;
+// Image files read to find the study of a report, per report and pass.
+constexpr int REPORT_PAIRING_FILES_MOST = 200;
+// Bytes read from the start of an image to find the keys of its exam.
+constexpr size_t STUDY_KEYS_HEAD_MOST = 262144;
+// Exams remembered for reports that arrive after their images left: bytes
+// of the index before it is started afresh (the previous one is kept).
+constexpr long STUDY_INDEX_BYTES_MOST = 1048576;
+// A sharing request's text, and one value taken from a patient file.
+constexpr size_t SHARING_TEXT_MOST = 16 * 1048576;
+constexpr size_t PATIENT_VALUE_MOST = 256;
+// A share's wait list is dropped this long after its files are gone.
+constexpr int SHARE_LIST_GRACE_S = 60;
+
 // ---- shared scratch ring
 constexpr int RING_SIZE = 1048576;
 // Longer texts are not put on the ring: they would wrap it over the texts
