@@ -296,7 +296,11 @@ TEST_F(Processing, AgentChainWithTheReferenceCompanions) {
     ChildProcess agent({tools.file("hubTalk"), "-d", dir(), "-V", data.file("export"), "-N", "1-2",
                         "-p", std::to_string(freePort()), "-s", "6"},
                        "", logs.file("out"), logs.file("err"));
-    ASSERT_TRUE(waitUntil([&] { return listDir(data.file("export")).size() == 2; }, 60000)) << slurp(logs.file("err"));
+    // The whole road: queue, workers, export directory, the service's store.
+    std::string store = svc.storedFile("x");
+    store = store.substr(0, store.rfind('/'));
+    ASSERT_TRUE(waitUntil([&] { return listDir(store).size() == 2 && listDir(data.file("export")).empty(); }, 90000))
+        << slurp(logs.file("err"));
     EXPECT_EQ("", listing(data.file("Q")));
     // Two workers beside the distributor, each with its queue.
     EXPECT_EQ("", listing(data.file("Q1")) + listing(data.file("Q2")));
@@ -311,8 +315,9 @@ TEST_F(Processing, AgentChainWithTheReferenceCompanions) {
         std::vector<std::string> raw = listDir(d);
         return raw.size() == 1 ? slurp(d + "/" + raw[0]) : "<none>";
     };
-    for (std::string exported : listDir(data.file("export"))) {
-        std::string name = exported.substr(11), out = data.file("export/" + exported);  // "%010u." first
+    for (std::string exported : listDir(store)) {
+        std::string name = exported.substr(11), out = store + "/" + exported;  // "%010u." first
+        EXPECT_EQ(std::string::npos, svc.storedHeader(exported).find("._UNP_")) << svc.storedHeader(exported);
         EXPECT_NE("", dump(out, "0035,0010")) << name;
         for (const char* keyword : {"PatientName", "PatientID", "SOPInstanceUID", "StudyInstanceUID"}) {
             EXPECT_NE("", dump(real + name, keyword));
