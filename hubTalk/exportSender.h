@@ -3,7 +3,9 @@
 // put there, deleting each file once the service has confirmed it
 // (exportUpload.h says when a file may go).
 //
-// What a walk does with an entry, in listing order:
+// What a walk does with an entry, in listing order, except that sharing
+// requests and reports of a directory go first (the files they name or pair
+// with may lie beside them):
 // - ".", "..", names containing ".DS_Store" (any case), empty files, links,
 //   and anything that is neither a file nor a directory: nothing;
 // - a directory: walked (special inside "VP6" and "SFILES"), down to
