@@ -134,6 +134,9 @@ TEST_F(Export, SharingRequestsBecomeShares) {
         " \"../../../../etc/passwd\"]}");
     put("share/none.sharing", "{\"share_report\": true, \"files\": []}");
     put("share/bad.sharing", "{\"files\": [\"ct.dcm\"");
+    std::string many = "{\"subject_header\": \"many\", \"files\": [\"gone0\"";
+    for (int i = 1; i < 10000; ++i) many += ", \"gone" + std::to_string(i) + "\"";
+    put("share/many.sharing", many + "]}");
     svc.setReply("API.sharing", "error");
     std::string err = stderrOf([&] { pass(); });
     sleep(1);
@@ -153,6 +156,8 @@ TEST_F(Export, SharingRequestsBecomeShares) {
         << share;
     EXPECT_NE(std::string::npos, share.find("\", \"PUT_REPORT_SOP_HERE\" ] }")) << share;
     EXPECT_NE(std::string::npos, none.find("\"sop_instance_uids\" : [\"PUT_REPORT_SOP_HERE\" ] }")) << none;
+    EXPECT_TRUE(logged("\"subject_header\": \"many\",\"recipients\": [ ],\"study_instance_uid\": \"\",\"sop_instance_uids\" : [ ] }"));
+    EXPECT_NE(std::string::npos, err.find("gone9999 is no regular file"));
     EXPECT_TRUE(stored("ct.dcm") == ct);
     EXPECT_NE(std::string::npos, svc.storedHeader("ct.dcm").find("|Export-Pre|Export-Pre|"));
     for (const std::string& c : svc.commands())
