@@ -94,6 +94,35 @@ TEST(DicomFiles, AttributeTableOfRealFiles) {
     EXPECT_FALSE(exists(t.file("dump.txt")));
 }
 
+// The exam keys read without a dump agree with the dump on every real file
+// both can read (explicit and implicit VR, sequences of defined and undefined
+// length before the keys, sequences of unknown VR).
+TEST(DicomFiles, ExamKeysWithoutADumpAgreeWithTheDump) {
+    // The top-level value as dcmdump shows it; "<skip>" when it cannot read the
+    // file or shows the value as bytes (unknown VR).
+    auto first = [](const std::string& file, const char* keyword) -> std::string {
+        RunResult r = runProgram({"/usr/bin/dcmdump", "-M", "-s", "+p", "+P", keyword, file});
+        if (r.status != 0 || r.out.find(" UN ") != std::string::npos) return "<skip>";
+        if (r.out.size() > 11 && r.out[11] == '.') return "";  // only inside a sequence
+        size_t open = r.out.find('['), close = r.out.find(']');
+        return open == std::string::npos || close < open ? "" : r.out.substr(open + 1, close - open - 1);
+    };
+    int compared = 0;
+    RunResult list = runProgram({"/usr/bin/find", REAL, "-type", "f", "-name", "*.dcm"});
+    for (size_t at = 0, nl; (nl = list.out.find('\n', at)) != std::string::npos; at = nl + 1) {
+        std::string file = list.out.substr(at, nl - at);
+        StudyKeys k;
+        std::string patient = first(file, "PatientID"), study = first(file, "StudyInstanceUID");
+        if (!getStudyKeys(file.c_str(), &k) || patient == "<skip>" || study == "<skip>") continue;
+        EXPECT_EQ(patient, k.patientId) << file;
+        EXPECT_EQ(study, k.studyUid) << file;
+        ++compared;
+    }
+    EXPECT_GT(compared, 40);
+    StudyKeys k;
+    EXPECT_FALSE(getStudyKeys((REAL + "ExplVR_BigEnd.dcm").c_str(), &k));  // left to the dump
+}
+
 TEST(DicomFiles, NamesFromTheShellAreJustNames) {
     TempDir t;
     for (std::string name : {"a b.dcm", "it's.dcm", "$(touch pwned).dcm", "`touch pwned`.dcm",
