@@ -28,13 +28,6 @@ void finish(ListenerConnection& conn) {
     if (VERBOSE) puts("At bottom of request Loop");
 }
 
-std::string resolvedPath(const std::string& path) {
-    char* resolved = realpath(path.c_str(), nullptr);
-    if (!resolved) return "";
-    std::string out = resolved;
-    free(resolved);
-    return out;
-}
 
 // The file a "DICOM send" request names, resolved (no links, no ".."); ""
 // unless it is a regular file inside the export directory.

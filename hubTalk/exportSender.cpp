@@ -19,6 +19,7 @@
 #include "files.h"
 #include "memory.h"
 #include "patientPictures.h"
+#include "processing.h"
 #include "reportPairing.h"
 #include "sendFile.h"
 #include "settings.h"
@@ -29,10 +30,7 @@ namespace {
 
 constexpr unsigned START_DELAY_S = 10;
 constexpr unsigned PASS_PAUSE_S = 10;
-// Younger files delay the walk by their age.
-constexpr long SETTLE_S = 8;
 constexpr size_t SUFFIX_MOST = 127;
-const char* const UNPROCESSED_MARK = "._UNP_";
 const char* const PROCESSED_MARK = ".dcm~";
 const char* const INFO_SUFFIX = ".info";
 const char* const SECONDARY_CAPTURE_CLASS = "1.2.840.10008.5.1.4.1.1.7";

@@ -27,12 +27,9 @@ namespace {
 
 constexpr unsigned START_DELAY_S = 10;
 constexpr unsigned PASS_PAUSE_S = 5;
-// Younger entries delay the pass by their age.
-constexpr unsigned SETTLE_S = 7;
 constexpr int MOST_WORKERS = 16;
 const char* const BAD_SUFFIX = ".BAD";
 const char* const REF_SUFFIX = ".REF";
-const char* const UNPROCESSED_SUFFIX = "._UNP_";
 
 std::atomic<int64_t> timestamps[MOST_WORKERS + 1];
 
@@ -85,7 +82,7 @@ bool exportFile(const std::string& path, const std::string& name, bool unprocess
     for (int n = 0; n < 1000; ++n) {
         std::string target = std::string(viewpointDir) + "/" + name;
         if (n) target += "." + std::to_string(n);
-        if (unprocessed) target += UNPROCESSED_SUFFIX;
+        if (unprocessed) target += UNPROCESSED_MARK;
         int rc = moveNoReplace(path, target);
         if (rc == 0) return true;
         if (rc == EEXIST) continue;
@@ -176,8 +173,8 @@ void processing_loop_proc(WorkerContext* context) {
         std::string path = dir + "/" + name;
         struct stat st;
         if (lstat(path.c_str(), &st) != 0) continue;
-        unsigned age = static_cast<unsigned>(time(nullptr) - st.st_mtime);
-        if (age <= SETTLE_S) sleep(age);
+        long age = static_cast<long>(time(nullptr) - st.st_mtime);
+        if (age >= 0 && age < SETTLE_S) sleep(static_cast<unsigned>(age));
         if (!statOf(path, &st)) continue;
         bool candidate = S_ISREG(st.st_mode) && !endsWith(name.c_str(), BAD_SUFFIX) &&
                          !exists(path + BAD_SUFFIX);

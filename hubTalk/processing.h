@@ -21,6 +21,12 @@
 #pragma once
 #include <cstdint>
 
+// Appended to the name of a file passed on without its pixel processing.
+constexpr const char* UNPROCESSED_MARK = "._UNP_";
+// A file younger than this many seconds delays the pass that meets it by its
+// age (the export sender keeps the same rule).
+constexpr long SETTLE_S = 8;
+
 struct WorkerContext {
     int64_t* timestamp;  // 0 at the start of a pass, then the time of each file done
     uint32_t worker;

@@ -51,19 +51,11 @@ std::string uidText(const char* uid) {
     return out;
 }
 
-std::string realPath(const std::string& path) {
-    char* r = realpath(path.c_str(), nullptr);
-    if (!r) return "";
-    std::string s = r;
-    free(r);
-    return s;
-}
-
 // The file a request may upload, resolved; "" when it may not.
 std::string admittedFile(const std::string& dir, const std::string& named) {
     if (named.empty()) return "";
-    std::string root = realPath(viewpointDir);
-    std::string resolved = realPath(named[0] == '/' ? named : dir + "/" + named);
+    std::string root = resolvedPath(viewpointDir);
+    std::string resolved = resolvedPath(named[0] == '/' ? named : dir + "/" + named);
     if (root.empty() || resolved.size() <= root.size() + 1 ||
         resolved.compare(0, root.size() + 1, root + "/") != 0)
         return "";

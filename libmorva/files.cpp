@@ -457,3 +457,11 @@ char** listDir(const char* dir, int* count, Memory* memory) {
 }
 
 }  // namespace Util
+
+std::string resolvedPath(const std::string& path) {
+    char* resolved = realpath(path.c_str(), nullptr);
+    if (!resolved) return "";
+    std::string out = resolved;
+    ::free(resolved);
+    return out;
+}

@@ -70,6 +70,8 @@ std::string shellArg(const std::string& text);
 // other kind that is not a regular file).
 int openRegular(const char* path);
 bool isRegularFile(const char* path);
+// The path with every link, "." and ".." resolved; "" when it does not exist.
+std::string resolvedPath(const std::string& path);
 
 namespace Util {
 // Sorted names (no "." and ".."), in the arena or the ring.
