@@ -324,6 +324,10 @@ bool SendFile::sendFile() {
         sent += (int64_t)got;
     }
     free(buffer);
+    // Pushes out the last partial segment now, instead of after the
+    // service's delayed acknowledgement of the one before it.
+    int on = 1;
+    setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 
     unsigned char confirm[65];
     memset(confirm, 0, sizeof confirm);

@@ -22,17 +22,20 @@ static int pollIn(int fd, int ms) {
 }
 
 ssize_t recvSome(int fd, void* buf, size_t len, int idleLimitMs) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(idleLimitMs);
+    // Waiting is only asked for when nothing is queued: during a transfer the
+    // bytes are usually there already, and a poll per read costs a system call.
+    std::chrono::steady_clock::time_point deadline;
+    bool waited = false;
     for (;;) {
         if (stopping()) return -1;
-        int r = pollIn(fd, 200);
-        if (r < 0) return -1;
-        if (r > 0) {
-            ssize_t n = recv(fd, buf, len, 0);
-            if (n >= 0) return n;
-            if (errno != EINTR && errno != EAGAIN) return -1;
-        }
-        if (std::chrono::steady_clock::now() >= deadline) return -1;
+        ssize_t n = recv(fd, buf, len, MSG_DONTWAIT);
+        if (n >= 0) return n;
+        if (errno != EINTR && errno != EAGAIN && errno != EWOULDBLOCK) return -1;
+        auto now = std::chrono::steady_clock::now();
+        if (!waited) deadline = now + std::chrono::milliseconds(idleLimitMs);
+        else if (now >= deadline) return -1;
+        waited = true;
+        if (pollIn(fd, 200) < 0) return -1;
     }
 }
 

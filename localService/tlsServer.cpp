@@ -42,16 +42,46 @@ RandomSource::~RandomSource() {
     mbedtls_entropy_free(&m_entropy);
 }
 
+namespace {
+// Most bytes taken from the socket by one read ahead.
+constexpr size_t kReadAheadMost = 256 * 1024;
+}  // namespace
+
 // Socket callbacks that honour the service's stop flag and idle limit.
-static int bioSend(void* ctx, const unsigned char* buf, size_t len) {
-    int fd = *static_cast<int*>(ctx);
+int ServerTlsSession::bioSend(void* ctx, const unsigned char* buf, size_t len) {
+    int fd = static_cast<ServerTlsSession*>(ctx)->m_fd;
     return LocalIo::sendAll(fd, buf, len) ? static_cast<int>(len) : MBEDTLS_ERR_NET_SEND_FAILED;
 }
 
-static int bioRecv(void* ctx, unsigned char* buf, size_t len) {
-    int fd = *static_cast<int*>(ctx);
-    ssize_t n = LocalIo::recvSome(fd, buf, len);
-    return n >= 0 ? static_cast<int>(n) : MBEDTLS_ERR_NET_RECV_FAILED;
+int ServerTlsSession::bioRecv(void* ctx, unsigned char* buf, size_t len) {
+    ServerTlsSession& s = *static_cast<ServerTlsSession*>(ctx);
+    if (s.m_aheadPos == s.m_aheadEnd && s.m_aheadAllowed > len) {
+        size_t room = s.m_aheadAllowed < s.m_ahead.size() ? static_cast<size_t>(s.m_aheadAllowed)
+                                                         : s.m_ahead.size();
+        ssize_t n = LocalIo::recvSome(s.m_fd, s.m_ahead.data(), room);
+        if (n <= 0) return n == 0 ? 0 : MBEDTLS_ERR_NET_RECV_FAILED;
+        s.m_aheadPos = 0;
+        s.m_aheadEnd = static_cast<size_t>(n);
+        s.m_aheadAllowed -= static_cast<unsigned long long>(n);
+    }
+    if (s.m_aheadPos < s.m_aheadEnd) {
+        size_t n = s.m_aheadEnd - s.m_aheadPos < len ? s.m_aheadEnd - s.m_aheadPos : len;
+        memcpy(buf, s.m_ahead.data() + s.m_aheadPos, n);
+        s.m_aheadPos += n;
+        return static_cast<int>(n);
+    }
+    ssize_t n = LocalIo::recvSome(s.m_fd, buf, len);
+    if (n < 0) return MBEDTLS_ERR_NET_RECV_FAILED;
+    s.m_aheadAllowed -= static_cast<unsigned long long>(n) < s.m_aheadAllowed
+                            ? static_cast<unsigned long long>(n)
+                            : s.m_aheadAllowed;
+    return static_cast<int>(n);
+}
+
+void ServerTlsSession::readAhead(unsigned long long bytes) {
+    m_aheadAllowed = bytes;
+    size_t room = bytes < kReadAheadMost ? static_cast<size_t>(bytes) : kReadAheadMost;
+    if (m_ahead.size() < room) m_ahead.resize(room);
 }
 
 ServerTlsSession::ServerTlsSession(int fd, RandomSource& random) : m_fd(fd) {
@@ -69,7 +99,7 @@ ServerTlsSession::~ServerTlsSession() {
 
 bool ServerTlsSession::handshake() {
     if (mbedtls_ssl_setup(&m_ssl, &m_conf) != 0) return false;
-    mbedtls_ssl_set_bio(&m_ssl, &m_fd, bioSend, bioRecv, nullptr);
+    mbedtls_ssl_set_bio(&m_ssl, this, bioSend, bioRecv, nullptr);
     for (;;) {
         int r = mbedtls_ssl_handshake(&m_ssl);
         if (r == 0) return true;

@@ -10,6 +10,7 @@
 
 #include <cstddef>
 #include <string>
+#include <vector>
 
 // A certificate (chain) and its private key, parsed once and shared by all
 // connections.
@@ -61,6 +62,11 @@ public:
     int read(void* buf, size_t len);
     bool writeAll(const void* buf, size_t len);
     bool writeAll(const std::string& text) { return writeAll(text.data(), text.size()); }
+    // The peer is sure to send at least this many more bytes in this session
+    // (announced plaintext never takes fewer on the wire): the socket may be
+    // read that far ahead of the library, in large pieces instead of a header
+    // and a body per record, without taking anything of what follows.
+    void readAhead(unsigned long long bytes);
     // Reads the next record and expects the peer's close notification; true
     // when it came. Nothing past that record is read from the socket.
     bool expectCloseNotify();
@@ -68,8 +74,14 @@ public:
 
 private:
     bool handshake();
+    static int bioSend(void* ctx, const unsigned char* buf, size_t len);
+    static int bioRecv(void* ctx, unsigned char* buf, size_t len);
 
     int m_fd;
+    std::vector<unsigned char> m_ahead;
+    size_t m_aheadPos = 0;
+    size_t m_aheadEnd = 0;
+    unsigned long long m_aheadAllowed = 0;
     mbedtls_ssl_context m_ssl;
     mbedtls_ssl_config m_conf;
 };
