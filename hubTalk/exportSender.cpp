@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <set>
 #include <string>
 
 #include "anonFile.h"
@@ -36,22 +35,9 @@ const char* const INFO_SUFFIX = ".info";
 const char* const SECONDARY_CAPTURE_CLASS = "1.2.840.10008.5.1.4.1.1.7";
 const char* const ENCAPSULATED_CLASS = "1.2.840.10008.5.1.4.1.1.104.";
 
-// What was already said, so that a file waiting for many passes is named
-// once per run.
-std::set<std::string> said;
-
-bool firstTime(const std::string& key) {
-    if (said.size() >= Limits::DELIVERED_KEPT_MOST) said.clear();
-    return said.insert(key).second;
-}
-
 void tellService(const std::string& message) {
     int status = 0;
     SendFile::sendLogMsg(dataDir, status, message.c_str(), VERBOSE, QUIET);
-}
-
-bool endsWithNoCase(const std::string& s, const std::string& tail) {
-    return s.size() >= tail.size() && strcasecmp(s.c_str() + s.size() - tail.size(), tail.c_str()) == 0;
 }
 
 bool has(const std::string& s, const char* part) { return s.find(part) != std::string::npos; }
@@ -68,19 +54,6 @@ bool isTemporary(const std::string& name) {
             return true;
     }
     return false;
-}
-
-std::string readText(const std::string& path) {
-    char* t = readTxt(path.c_str(), "", Limits::SHARING_TEXT_MOST);
-    std::string s = t;
-    if (t != EMPTY_TEXT) free(t);
-    return s;
-}
-
-std::string headerSafe(std::string name) {
-    for (char& c : name)
-        if (c == '|' || c == '\n' || c == '\r') c = '_';
-    return name;
 }
 
 void sendReport(const std::string& dir, const std::string& name, const std::string& path,
@@ -102,9 +75,7 @@ void sendReport(const std::string& dir, const std::string& name, const std::stri
 }
 
 // The image classes whose study the service needs to file them.
-void checkStudy(const std::string& path, const std::string& name) {
-    char sopClass[129];
-    if (!getSopClass(path.c_str(), sopClass, sizeof sopClass)) return;
+void checkStudy(const std::string& path, const std::string& name, const char* sopClass) {
     bool capture = strncmp(sopClass, SECONDARY_CAPTURE_CLASS, strlen(SECONDARY_CAPTURE_CLASS)) == 0;
     bool document = strncmp(sopClass, ENCAPSULATED_CLASS, strlen(ENCAPSULATED_CLASS)) == 0;
     if (!capture && !document) return;
@@ -120,9 +91,10 @@ void checkStudy(const std::string& path, const std::string& name) {
 }
 
 void sendImage(const std::string& path, const std::string& name, FileStamp seen) {
-    checkStudy(path, name);
+    // One read of the file's head gives its class, its UID and its exam.
     StudyKeys keys;
     getStudyKeys(path.c_str(), &keys);
+    checkStudy(path, name, keys.sopClass);
     std::string upload = name;
     bool unprocessed = false;
     size_t mark = upload.find(UNPROCESSED_MARK);
@@ -142,18 +114,15 @@ void sendImage(const std::string& path, const std::string& name, FileStamp seen)
             unlink(path.c_str());
             return;
         }
-        // The exam keeps its keys; its study UID is the one that goes up.
+        // The exam keeps its keys; its UIDs are the ones that go up.
         StudyKeys now;
         getStudyKeys(path.c_str(), &now);
         memcpy(keys.studyUid, now.studyUid, sizeof keys.studyUid);
+        memcpy(keys.sopInstance, now.sopInstance, sizeof keys.sopInstance);
     }
     if (!has(upload, ".dcm")) {
-        char sop[129];
-        const char* uid = getSopInstance(path.c_str(), sop, sizeof sop);
-        std::string digits;
-        for (const char* p = uid ? uid : ""; *p; ++p)
-            if ((*p >= '0' && *p <= '9') || *p == '.') digits += *p;
-        upload = (digits.empty() ? upload : digits) + ".dcm";
+        std::string uid = uidText(keys.sopInstance);
+        upload = (uid.empty() ? upload : uid) + ".dcm";
     }
     upload = headerSafe(upload);
     UploadResult r = uploadExported(path, seen, upload.c_str(), upload.c_str(), unprocessed, "");
@@ -161,7 +130,7 @@ void sendImage(const std::string& path, const std::string& name, FileStamp seen)
 }
 
 bool isReport(const std::string& name) {
-    return (name.rfind(REPORT_PREFIX, 0) == 0 && endsWithNoCase(name, ".pdf")) ||
+    return (name.rfind(REPORT_PREFIX, 0) == 0 && endsWithNoCase(name.c_str(), ".pdf")) ||
            name.rfind(CONVERTED_PREFIX, 0) == 0;
 }
 
@@ -175,7 +144,7 @@ void sendFile(const std::string& dir, const std::string& name, const std::string
     FileStamp seen = stampOf(path);
     if (!seen.regular || seen.size == 0) return;
     if (seen.mtime.tv_sec >= time(nullptr)) return;  // still being written: next pass
-    if (linkMode && endsWithNoCase(name, ".pdf") && !fileExists((path + ".txt").c_str(), ""))
+    if (linkMode && endsWithNoCase(name.c_str(), ".pdf") && !fileExists((path + ".txt").c_str(), ""))
         return;
 
     if (endsWith(name.c_str(), ".share")) return handleShare(dir, name, seen);
@@ -189,12 +158,12 @@ void sendFile(const std::string& dir, const std::string& name, const std::string
 
     std::string info = path + INFO_SUFFIX;
     if (nonZeroFile(info.c_str(), "")) {
-        std::string text = readText(info);
+        std::string text = readText(info.c_str(), "", Limits::SHARING_TEXT_MOST);
         std::string upload = headerSafe(name);
         uploadExported(path, seen, text.c_str(), upload.c_str(), false, info);
         return;
     }
-    if (!suffix.empty() && !endsWithNoCase(name, suffix)) return;
+    if (!suffix.empty() && !endsWithNoCase(name.c_str(), suffix.c_str())) return;
     if (isDicom(path.c_str(), "")) return sendImage(path, name, seen);
     if (!special) return;
     std::string upload = headerSafe(name);

@@ -20,6 +20,8 @@ std::mutex deliveredLock;
 // Delivered files that would not go, by path and stamp, oldest first.
 std::set<std::string> delivered;
 std::deque<std::string> deliveredOrder;
+std::mutex saidLock;
+std::set<std::string> said;
 
 std::string deliveredKey(const std::string& path, const FileStamp& s) {
     return path + "|" + std::to_string(s.size) + "|" + std::to_string(s.mtime.tv_sec) + "." +
@@ -65,11 +67,11 @@ bool removeUnchanged(const std::string& path, const FileStamp& seen) {
 }
 
 UploadResult uploadExported(const std::string& path, const FileStamp& seen, const char* remote,
-                            const char* marker, bool unprocessed, const std::string& companion) {
+                            const char* marker, bool unprocessed, const std::string& companion,
+                            const char* type) {
     std::string key = deliveredKey(path, seen);
     if (!sameStamp(stampOf(path), seen) || wasDelivered(key)) return UploadResult::SKIPPED;
-    if (SendFile::sendWFile(path.c_str(), remote, marker, "Export", "Export", dataDir, QUIET,
-                            unprocessed) != 0)
+    if (SendFile::sendWFile(path.c_str(), remote, marker, type, type, dataDir, QUIET, unprocessed) != 0)
         return UploadResult::FAILED;
     if (!sameStamp(stampOf(path), seen)) {
         fprintf(stderr, "%s changed during its upload; it stays and goes again\n", path.c_str());
@@ -83,4 +85,23 @@ UploadResult uploadExported(const std::string& path, const FileStamp& seen, cons
     }
     if (!companion.empty()) unlink(companion.c_str());
     return UploadResult::REMOVED;
+}
+
+std::string uidText(const char* uid) {
+    std::string out;
+    for (const char* p = uid ? uid : ""; *p; ++p)
+        if ((*p >= '0' && *p <= '9') || *p == '.') out += *p;
+    return out;
+}
+
+std::string headerSafe(std::string name) {
+    for (char& c : name)
+        if (c == '|' || c == '\n' || c == '\r') c = '_';
+    return name;
+}
+
+bool firstTime(const std::string& key) {
+    std::lock_guard<std::mutex> hold(saidLock);
+    if (said.size() >= Limits::DELIVERED_KEPT_MOST) said.clear();
+    return said.insert(key).second;
 }

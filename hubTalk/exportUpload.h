@@ -36,11 +36,22 @@ enum class UploadResult {
     SKIPPED,      // not sent: it changed since seen, or was delivered before
 };
 
-// Uploads path with upload type "Export" unless it changed since `seen`.
-// remote: the information text or the upload name; marker: the upload name.
-// companion (may be empty): a file deleted together with it.
+// Uploads path with the upload type ("Export", or "Export-Pre" for a
+// preshare) unless it changed since `seen`. remote: the information text or
+// the upload name; marker: the upload name. companion (may be empty): a file
+// deleted together with it.
 UploadResult uploadExported(const std::string& path, const FileStamp& seen, const char* remote,
-                            const char* marker, bool unprocessed, const std::string& companion);
+                            const char* marker, bool unprocessed, const std::string& companion,
+                            const char* type = "Export");
 
 // Deletes path when it is unchanged since `seen`; true when it is gone.
 bool removeUnchanged(const std::string& path, const FileStamp& seen);
+
+// A UID as it may stand in an upload name, a JSON string and a file name:
+// its digits and dots.
+std::string uidText(const char* uid);
+// An upload name as the header line can carry it ("|" and line ends become "_").
+std::string headerSafe(std::string name);
+// True the first time a key is met in this run (bounded): what a file
+// waiting for many passes makes the sender say is said once.
+bool firstTime(const std::string& key);

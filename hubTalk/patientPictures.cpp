@@ -28,9 +28,8 @@ std::string valueOf(const KeyValues<char>& table, const char* key) {
     s = s.substr(0, Limits::PATIENT_VALUE_MOST);
     std::vector<char> buf(s.begin(), s.end());
     buf.push_back('\0');
-    trim(Util::makeWellFormed(buf.data()));
     Memory mem;
-    return Util::sanitize(trim(buf.data()), &mem);
+    return Util::sanitize(trim(Util::makeWellFormed(buf.data())), &mem);
 }
 
 bool loadTable(const std::string& path, KeyValues<char>& table, Memory* mem, char separator) {
@@ -98,7 +97,7 @@ bool markDone(const std::string& dir, const std::string& name) {
 
 bool isPicture(const char* name) {
     size_t n = strlen(name);
-    return n >= 5 && strcasecmp(name + n - 4, ".jpg") == 0;
+    return n >= 5 && endsWithNoCase(name, ".jpg");
 }
 
 std::string birthDate(const std::string& born) {
@@ -126,17 +125,15 @@ void handlePatientPictures(const std::string& dir) {
     std::string kst = dir + "/" + PATIENT_FILE;
     if (fileExists((kst + DONE_SUFFIX).c_str(), "")) return;
     FileStamp kstSeen = stampOf(kst);
-    if (!nonZeroFile(dir.c_str(), PATIENT_JSON)) {
-        std::string json = patientJson(dir);
-        if (json.empty()) return;
-        if (!writeTxt(dir.c_str(), PATIENT_JSON, json.c_str())) {
+    std::string patient = readText(dir.c_str(), PATIENT_JSON, Limits::STATE_TEXT_MOST);
+    if (patient.empty()) {
+        patient = patientJson(dir);
+        if (patient.empty()) return;
+        if (!writeTxt(dir.c_str(), PATIENT_JSON, patient.c_str())) {
             fprintf(stderr, "Could not write %s/%s; its pictures wait\n", dir.c_str(), PATIENT_JSON);
             return;
         }
     }
-    char* info = readTxt(dir.c_str(), PATIENT_JSON, Limits::STATE_TEXT_MOST);
-    std::string patient = info;
-    if (info != EMPTY_TEXT) free(info);
 
     bool allDelivered = true;
     time_t now = time(nullptr);

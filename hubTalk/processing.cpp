@@ -107,9 +107,7 @@ void removeForGood(const std::string& path) {
 
 void processReference(const std::string& dir, const std::string& refPath, uint32_t worker,
                       time_t refTime) {
-    char* text = readTxt(refPath.c_str(), "", 4096);
-    std::string target = trim(text);
-    if (text != EMPTY_TEXT) free(text);
+    std::string target = trimmed(readText(refPath.c_str(), "", 4096));
     struct stat st;
     // Only an image is processed in place through a reference, never any
     // other file the reference might name.

@@ -1,8 +1,8 @@
 #include "reportPairing.h"
 
 #include <dirent.h>
-#include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <string>
@@ -10,8 +10,6 @@
 #include "bounds.h"
 #include "dicom.h"
 #include "files.h"
-#include "keyValues.h"
-#include "memory.h"
 #include "settings.h"
 
 namespace {

@@ -69,11 +69,8 @@ bool updateDictionary(const char* dataDir, const std::string& installDir, const 
     if (!isNewerVersion(offered.c_str(), installed.c_str())) return true;
     std::string target = std::string(dataDir) + "/dicom.NEW.dic";
     if (download(installDir, "/varnesk_sundel/pieces/dicom.dic", target) != 0) return false;
-    char* text = readTxt(dataDir, "dicom.NEW.dic");
-    std::string content = text;
-    if (text != EMPTY_TEXT) free(text);
-    std::string trimmed = content;
-    if (*trim(&trimmed[0])) {
+    std::string content = readText(dataDir, "dicom.NEW.dic");
+    if (!trimmed(content).empty()) {
         writeTxt(dataDir, "dicom.dic", content.c_str());
         writeTxt(dataDir, StateFile::DICTIONARY_VERSION, offered.c_str());
         rmFile(dataDir, "dicom.NEW.dic");

@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -28,28 +27,6 @@ namespace {
 
 // Longest request name kept in a share's name.
 constexpr size_t SHARE_NAME_PART_MOST = 160;
-
-std::string readWhole(const std::string& path, size_t most) {
-    char* text = readTxt(path.c_str(), "", most);
-    std::string s = text;
-    if (text != EMPTY_TEXT) free(text);
-    return s;
-}
-
-std::string trimmed(std::string s) {
-    size_t a = s.find_first_not_of(" \t\r\n\f\v");
-    if (a == std::string::npos) return "";
-    size_t b = s.find_last_not_of(" \t\r\n\f\v");
-    return s.substr(a, b - a + 1);
-}
-
-// A UID as it may stand inside a JSON string and a file name.
-std::string uidText(const char* uid) {
-    std::string out;
-    for (const char* p = uid ? uid : ""; *p; ++p)
-        if ((*p >= '0' && *p <= '9') || *p == '.') out += *p;
-    return out;
-}
 
 // The file a request may upload, resolved; "" when it may not.
 std::string admittedFile(const std::string& dir, const std::string& named) {
@@ -81,7 +58,6 @@ std::string copyForLater(const std::string& from, const std::string& name) {
 }
 
 struct Sharing {
-    std::string dir;
     std::string suffix;
     std::string type;  // "Export" or "Export-Pre"
     std::string patientInformation;
@@ -114,11 +90,9 @@ void shareDicom(Sharing& s, const std::string& path) {
     addUid(s, uid);
     std::string uploadName = baseName(path);
     if (uploadName.find(".dcm") == std::string::npos) uploadName = uid + ".dcm";
-    if (SendFile::sendWFile(path.c_str(), uploadName.c_str(), uploadName.c_str(), s.type.c_str(),
-                            s.type.c_str(), dataDir, QUIET, unprocessed) == 0) {
-        removeUnchanged(path, seen);
+    if (uploadExported(path, seen, uploadName.c_str(), uploadName.c_str(), unprocessed, "",
+                       s.type.c_str()) != UploadResult::FAILED)
         return;
-    }
     std::string copyName = uid + (processed ? ".dcm~" : ".dcm") + (unprocessed ? "._UNP_" : "");
     if (!s.suffix.empty() && !endsWith(copyName.c_str(), s.suffix.c_str())) copyName += s.suffix;
     std::string copy = copyForLater(path, copyName);
@@ -132,11 +106,9 @@ void shareOther(Sharing& s, const std::string& path) {
     std::string info = informationText(uid, suffix, s.patientInformation);
     std::string uploadName = uid + suffix;
     addUid(s, uid);
-    if (SendFile::sendWFile(path.c_str(), info.c_str(), uploadName.c_str(), s.type.c_str(),
-                            s.type.c_str(), dataDir, QUIET, false) == 0) {
-        removeUnchanged(path, seen);
+    if (uploadExported(path, seen, info.c_str(), uploadName.c_str(), false, "", s.type.c_str()) !=
+        UploadResult::FAILED)
         return;
-    }
     std::string copy = copyForLater(path, uploadName);
     if (copy.empty()) return;
     if (!writeTxt(viewpointDir, (uploadName + ".info").c_str(), info.c_str())) {
@@ -152,9 +124,6 @@ std::string rawValue(JsnParser& p, const char* key, const char* fallback) {
     if (p.getObject(0, key, 0) < 0) return fallback;
     return p.getFullObject(0, key, 0);
 }
-
-// Parse failures are reported once per request as it stands.
-std::set<std::string> reportedBad;
 
 }  // namespace
 
@@ -184,16 +153,15 @@ void handleSharingRequest(const std::string& dir, const std::string& name,
                           const std::string& suffix) {
     std::string path = dir + "/" + name;
     FileStamp seen = stampOf(path);
-    std::string text = readWhole(path, Limits::SHARING_TEXT_MOST);
+    std::string text = readText(path.c_str(), "", Limits::SHARING_TEXT_MOST);
     JsnParser p(&text[0], static_cast<int>(text.size()));
     if (p.failed || p.tokenCount() == 0 || p.token(0).type != JSN_OBJECT) {
-        std::string key = path + "|" + std::to_string(seen.mtime.tv_sec);
-        if (reportedBad.size() < Limits::DELIVERED_KEPT_MOST && reportedBad.insert(key).second)
+        // Once per request as it stands.
+        if (firstTime("parse " + path + "|" + std::to_string(seen.mtime.tv_sec)))
             fprintf(stderr, "jsn parse failed %s\n", path.c_str());
         return;
     }
     Sharing s;
-    s.dir = dir;
     s.suffix = suffix;
     bool preshare = p.getBool(0, "preshare", 0);
     s.type = preshare ? "Export-Pre" : "Export";
@@ -247,9 +215,7 @@ void handleSharingRequest(const std::string& dir, const std::string& name,
 }
 
 void handleShare(const std::string& dir, const std::string& name, const FileStamp& seen) {
-    char* list = readTxt(dataDir, name.c_str(), Limits::SHARING_TEXT_MOST);
-    std::string waitList = list;
-    if (list != EMPTY_TEXT) free(list);
+    std::string waitList = readText(dataDir, name.c_str(), Limits::SHARING_TEXT_MOST);
     if (!trimmed(waitList).empty()) {
         bool pending = false;
         size_t at = 0;
@@ -267,7 +233,7 @@ void handleShare(const std::string& dir, const std::string& name, const FileStam
         return;
     }
     std::string path = dir + "/" + name;
-    std::string text = trimmed(readWhole(path, Limits::SHARING_TEXT_MOST));
+    std::string text = trimmed(readText(path.c_str(), "", Limits::SHARING_TEXT_MOST));
     Memory mem;
     char* reply = SendFile::sendAPICommand(dataDir, text.c_str(), VERBOSE, QUIET, &mem);
     if (strcasecmp(reply, "success") == 0) removeUnchanged(path, seen);

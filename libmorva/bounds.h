@@ -2,6 +2,7 @@
 // includes this and uses the names; nothing repeats a number.
 #pragma once
 #include <cstddef>
+#include <cstdint>
 
 namespace Limits {
 
@@ -109,6 +110,10 @@ constexpr size_t DELIVERED_KEPT_MOST = 4096;
 constexpr int EXPORT_DEPTH_MOST = 64;
 // Image files read to find the study of a report, per report and pass.
 constexpr int REPORT_PAIRING_FILES_MOST = 200;
+// Bytes read from the start of a DICOM file for its file-meta group, and the
+// longest element taken there.
+constexpr size_t META_HEAD_MOST = 16384;
+constexpr uint32_t META_ELEMENT_MOST = 1024;
 // Bytes read from the start of an image to find the keys of its exam.
 constexpr size_t STUDY_KEYS_HEAD_MOST = 262144;
 // Exams remembered for reports that arrive after their images left: bytes

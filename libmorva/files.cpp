@@ -208,6 +208,13 @@ char* readTxt(const char* dir, const char* name, size_t most) {
     return buf;
 }
 
+std::string readText(const char* dir, const char* name, size_t most) {
+    char* text = readTxt(dir, name, most);
+    std::string s = text;
+    if (text != EMPTY_TEXT) ::free(text);
+    return s;
+}
+
 char* readTrimmed(const char* dir, const char* name, size_t most) {
     char* text = readTxt(dir, name, most < Limits::RING_TEXT_MOST ? most : Limits::RING_TEXT_MOST);
     char* cached = InternalCache::getCacheReturn(text, strlen(text) + 1, false);

@@ -21,6 +21,8 @@ char* makePath(const char* dir, const char* name);
 // Whole file, or its first `most` bytes, zero bytes turned into blanks;
 // malloc'd, or EMPTY_TEXT.
 char* readTxt(const char* dir, const char* name, size_t most = SIZE_MAX);
+// readTxt as a string ("" for a missing file), nothing left to free.
+std::string readText(const char* dir, const char* name, size_t most = SIZE_MAX);
 // readTxt of at most `most` (and never more than Limits::RING_TEXT_MOST)
 // bytes, copied into the InternalCache and trimmed (never null, never to be
 // freed). A state file is read as far as its own limit.

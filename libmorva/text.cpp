@@ -98,6 +98,11 @@ char* rtrim(char* text) {
 
 char* trim(char* text) { return rtrim(ltrim(text)); }
 
+std::string trimmed(const std::string& text) {
+    std::string copy = text;
+    return trim(&copy[0]);
+}
+
 char* tolower(char* text) {
     if (text)
         for (char* p = text; *p; ++p)
@@ -172,6 +177,11 @@ char* decodeUrl(char* text) {
 bool endsWith(const char* text, const char* tail) {
     size_t n = text ? strlen(text) : 0, m = tail ? strlen(tail) : 0;
     return n >= m && (m == 0 || memcmp(text + n - m, tail, m) == 0);
+}
+
+bool endsWithNoCase(const char* text, const char* tail) {
+    size_t n = text ? strlen(text) : 0, m = tail ? strlen(tail) : 0;
+    return n >= m && (m == 0 || strcasecmp(text + n - m, tail) == 0);
 }
 
 const char* strrstr(const char* haystack, const char* needle) {

@@ -2,6 +2,7 @@
 // when no arena is given; trimming works in place.
 #pragma once
 #include <cstddef>
+#include <string>
 
 class Memory;
 
@@ -9,6 +10,8 @@ class Memory;
 char* ltrim(char* text);
 char* rtrim(char* text);
 char* trim(char* text);
+// A trimmed copy, up to the first zero byte.
+std::string trimmed(const std::string& text);
 
 // In-place case change; returns the argument.
 char* tolower(char* text);
@@ -26,6 +29,8 @@ char* encodeUrl(const char* text, bool spaceAsPlus);
 char* decodeUrl(char* text);
 // True when text ends with tail (null counts as "").
 bool endsWith(const char* text, const char* tail);
+// The same, ignoring ASCII case.
+bool endsWithNoCase(const char* text, const char* tail);
 // Last occurrence of needle in haystack, or null.
 const char* strrstr(const char* haystack, const char* needle);
 // True when the bytes are well-formed UTF-8.

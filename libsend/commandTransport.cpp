@@ -15,16 +15,6 @@
 #include "tlsSession.h"
 #include "util.h"
 
-namespace {
-
-// Up to the first zero byte, without surrounding white space.
-std::string trimmed(std::string text) {
-    text.push_back('\0');
-    return trim(&text[0]);
-}
-
-}  // namespace
-
 char* SendFile::sendCommand(const char* command, int& status, bool readAll, Memory* mem) {
     std::string reply = commandReply(command, status, readAll);
     return LinkUtil::handOver(reply.c_str(), mem);

@@ -111,58 +111,6 @@ bool isDicom(const char* dir, const char* name) { return startsWith(dir, name, 1
 
 bool isHL7(const char* dir, const char* name) { return startsWith(dir, name, 0, "MSH|"); }
 
-namespace {
-
-// A value of the file-meta group (0002,wanted), cut to outSize - 1.
-char* metaValue(const char* path, unsigned wanted, char* out, int outSize) {
-    if (!out || outSize < 1) return nullptr;
-    FILE* f = openRegularFile(path);
-    if (!f) return nullptr;
-    char* found = nullptr;
-    unsigned char magic[4];
-    if (fseek(f, 128, SEEK_SET) == 0 && fread(magic, 1, 4, f) == 4 && !memcmp(magic, "DICM", 4)) {
-        static const char* const shortVr = "AEASATCSDADSDTFLFDISLOPNSHSLSSSTTMUIULUS";
-        for (;;) {
-            unsigned char tag[6];
-            if (fread(tag, 1, 6, f) != 6) break;
-            unsigned group = tag[0] | (tag[1] << 8), element = tag[2] | (tag[3] << 8);
-            bool isShort = false;
-            for (int i = 0; shortVr[i]; i += 2)
-                if (tag[4] == (unsigned char)shortVr[i] && tag[5] == (unsigned char)shortVr[i + 1])
-                    isShort = true;
-            unsigned char l[6];
-            uint32_t length;
-            if (isShort) {
-                if (fread(l, 1, 2, f) != 2) break;
-                length = l[0] | (l[1] << 8);
-            } else {
-                if (fread(l, 1, 6, f) != 6) break;
-                length = l[2] | (l[3] << 8) | (l[4] << 16) | ((uint32_t)l[5] << 24);
-            }
-            if (length >= 1025) break;
-            char value[1025];
-            if (fread(value, 1, length, f) != length) break;
-            value[length] = '\0';
-            if (group == 2 && element == wanted) {
-                size_t n = strnlen(value, (size_t)outSize - 1);
-                memcpy(out, value, n);
-                out[n] = '\0';
-                found = out;
-                break;
-            }
-            if (group != 2) break;
-        }
-    }
-    fclose(f);
-    return found;
-}
-
-}  // namespace
-
-char* getSopInstance(const char* path, char* out, int outSize) { return metaValue(path, 3, out, outSize); }
-
-char* getSopClass(const char* path, char* out, int outSize) { return metaValue(path, 2, out, outSize); }
-
 int getAttrMap(const char* file, KeyValues<char>& table, const char* const* tags,
                const char* dir, const char* outName, Memory* mem) {
     if (!file || !dir || !outName || !mem) return 1;
@@ -248,6 +196,8 @@ struct Head {
 
 const uint32_t UNDEFINED = 0xFFFFFFFFu;
 
+// Explicit VRs with a 4-byte length; any other one, unknown ones too, has
+// 2 bytes (as dcmdump reads them).
 bool longForm(const char vr[2]) {
     static const char* const longVrs[] = {"OB", "OD", "OF", "OL", "OV", "OW", "SQ", "SV", "UC", "UN", "UR", "UT", "UV"};
     for (const char* v : longVrs)
@@ -304,8 +254,9 @@ bool skipUndefined(Head& h, bool explicitVr, int depth) {
     return false;
 }
 
-void takeValue(const Head& h, uint32_t length, char* out) {
-    size_t n = length < 64 ? length : 64;
+template <size_t N>
+void takeValue(const Head& h, uint32_t length, char (&out)[N]) {
+    size_t n = length < N - 1 ? length : N - 1;
     memcpy(out, h.bytes.data() + h.at, n);
     out[n] = '\0';
     while (n && (out[n - 1] == ' ' || out[n - 1] == '\0')) out[--n] = '\0';
@@ -313,33 +264,81 @@ void takeValue(const Head& h, uint32_t length, char* out) {
 
 }  // namespace
 
-bool getStudyKeys(const char* path, StudyKeys* keys) {
-    if (!keys) return false;
-    keys->patientId[0] = keys->accession[0] = keys->studyUid[0] = '\0';
+namespace {
+
+// The first `most` bytes of a regular file that has the "DICM" mark, the
+// reader placed after it; false otherwise.
+bool loadHead(const char* path, size_t most, Head& h) {
     FILE* f = openRegularFile(path);
     if (!f) return false;
-    Head h;
-    h.bytes.resize(Limits::STUDY_KEYS_HEAD_MOST);
+    h.bytes.resize(most);
     h.bytes.resize(fread(h.bytes.data(), 1, h.bytes.size(), f));
     fclose(f);
     if (h.bytes.size() < 132 || memcmp(h.bytes.data() + 128, "DICM", 4) != 0) return false;
     h.at = 132;
+    return true;
+}
+
+struct Meta {
     char syntax[65] = "";
+    char sopClass[129] = "";
+    char sopInstance[129] = "";
+    bool hasInstance = false;
+};
+
+// The file-meta group (always explicit VR), the reader left at the data set.
+// False when it ends early or holds an element longer than
+// Limits::META_ELEMENT_MOST; the values seen until then are kept.
+bool readMeta(Head& h, Meta& m) {
     uint32_t g, e, len;
-    for (;;) {  // the file-meta group, always explicit
+    for (;;) {
         size_t start = h.at;
         if (!element(h, true, g, e, len)) return false;
         if (g != 2) {
             h.at = start;
-            break;
+            return true;
         }
-        if (len == UNDEFINED || h.at + len > h.bytes.size()) return false;
-        if (e == 0x10) takeValue(h, len, syntax);
+        if (len > Limits::META_ELEMENT_MOST || h.at + len > h.bytes.size()) return false;
+        if (e == 0x10) takeValue(h, len, m.syntax);
+        if (e == 0x02) takeValue(h, len, m.sopClass);
+        if (e == 0x03) {
+            takeValue(h, len, m.sopInstance);
+            m.hasInstance = true;
+        }
         h.skip(len);
     }
+}
+
+}  // namespace
+
+char* getSopInstance(const char* path, char* out, int outSize) {
+    Head h;
+    Meta m;
+    if (!out || outSize < 1 || !loadHead(path, Limits::META_HEAD_MOST, h)) return nullptr;
+    readMeta(h, m);
+    if (!m.hasInstance) return nullptr;
+    size_t n = strnlen(m.sopInstance, static_cast<size_t>(outSize) - 1);
+    memcpy(out, m.sopInstance, n);
+    out[n] = '\0';
+    return out;
+}
+
+bool getStudyKeys(const char* path, StudyKeys* keys) {
+    if (!keys) return false;
+    keys->patientId[0] = keys->accession[0] = keys->studyUid[0] = '\0';
+    keys->sopClass[0] = keys->sopInstance[0] = '\0';
+    Head h;
+    Meta m;
+    if (!loadHead(path, Limits::STUDY_KEYS_HEAD_MOST, h)) return false;
+    bool whole = readMeta(h, m);
+    memcpy(keys->sopClass, m.sopClass, sizeof keys->sopClass);
+    memcpy(keys->sopInstance, m.sopInstance, sizeof keys->sopInstance);
+    if (!whole) return false;
+    const char* syntax = m.syntax;
     if (strcmp(syntax, "1.2.840.10008.1.2.2") == 0 || strcmp(syntax, "1.2.840.10008.1.2.1.99") == 0)
         return false;  // big endian and deflated data sets are left to dumps
     bool explicitVr = strcmp(syntax, "1.2.840.10008.1.2") != 0;
+    uint32_t g, e, len;
     bool unknown;
     while (element(h, explicitVr, g, e, len, &unknown)) {
         if (g > 0x0020 || (g == 0x0020 && e > 0x000D)) return true;

@@ -16,17 +16,19 @@ bool isHL7(const char* dir, const char* name);
 // file-meta group, cut to outSize - 1; null when the file is not DICOM, the
 // element is missing, or a meta element ahead of it is longer than 1024 bytes.
 char* getSopInstance(const char* path, char* out, int outSize);
-// The Media Storage SOP Class UID (0002,0002), read the same way.
-char* getSopClass(const char* path, char* out, int outSize);
 
 // What ties an image to its exam, read straight from the start of the data
 // set (explicit or implicit VR little endian; at most the first
-// Limits::STUDY_KEYS_HEAD_MOST bytes) without a dump. Missing values are "".
-// False when the file is no such DICOM file or ends inside those elements.
+// Limits::STUDY_KEYS_HEAD_MOST bytes) without a dump, with the file-meta SOP
+// class and instance UIDs (those also when the data set cannot be read).
+// Missing values are "". False when the file is no such DICOM file or ends
+// inside those elements.
 struct StudyKeys {
     char patientId[65];
     char accession[65];
     char studyUid[65];
+    char sopClass[129];
+    char sopInstance[129];
 };
 bool getStudyKeys(const char* path, StudyKeys* keys);
 

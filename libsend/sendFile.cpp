@@ -59,10 +59,8 @@ std::string decodeField(const char* text) {
 
 // A state file's text trimmed on the right only ("" when missing).
 std::string readRightTrimmed(const char* dir, const StateFileName& file) {
-    char* text = readTxt(dir, file.name, file.most);
-    std::string out = rtrim(text);
-    if (text != EMPTY_TEXT) free(text);
-    return out;
+    std::string text = readText(dir, file.name, file.most);
+    return rtrim(&text[0]);
 }
 
 std::string keyMismatch(const char* key) {

@@ -119,9 +119,7 @@ std::string readCaFile(const char* path) {
     struct stat st;
     if (!path || stat(path, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size > Limits::CA_FILE_MOST)
         return "";
-    char* text = readTxt(path, "", Limits::CA_FILE_MOST);
-    std::string pem = text;
-    if (text != EMPTY_TEXT) free(text);
+    std::string pem = readText(path, "", Limits::CA_FILE_MOST);
     return pem.empty() ? pem : pem + '\0';
 }
 
