@@ -32,16 +32,12 @@ std::string installationDir() {
     return PROCESS_DIR[0] ? PROCESS_DIR : "/";
 }
 
-std::string downloadUrl(const char* path) {
-    std::string base = HUBTALK_DOWNLOAD_BASE;
-    while (!base.empty() && base.back() == '/') base.pop_back();
-    return base + path;
-}
 
 // Exit status of "<tool> <url> <target>"; 0 means the target was written.
-int download(const std::string& installDir, const char* path, const std::string& target) {
+int download(const char* dataDir, const std::string& installDir, const char* path,
+             const std::string& target) {
     std::string tool = installDir + "/download";
-    std::string url = downloadUrl(path);
+    std::string url = downloadUrl(dataDir, path);
     std::string command = shellArg(tool) + " " + shellArg(url) + " " + shellArg(target);
     int status = runBounded(command.c_str(), Limits::DOWNLOAD_TIMEOUT_S);
     if (status == RUN_TIMED_OUT) logLine("Self-update: download did not finish in time");
@@ -68,7 +64,7 @@ bool updateDictionary(const char* dataDir, const std::string& installDir, const 
     std::string installed = versionOrZero(readTrimmed(dataDir, StateFile::DICTIONARY_VERSION));
     if (!isNewerVersion(offered.c_str(), installed.c_str())) return true;
     std::string target = std::string(dataDir) + "/dicom.NEW.dic";
-    if (download(installDir, "/varnesk_sundel/pieces/dicom.dic", target) != 0) return false;
+    if (download(dataDir, installDir, "/varnesk_sundel/pieces/dicom.dic", target) != 0) return false;
     std::string content = readText(dataDir, "dicom.NEW.dic");
     if (!trimmed(content).empty()) {
         writeTxt(dataDir, "dicom.dic", content.c_str());
@@ -85,7 +81,7 @@ bool updateReceiver(const char* dataDir, const std::string& installDir, const st
         !nonZeroFile(installDir.c_str(), name.c_str()))
         return true;
     std::string current = installDir + "/" + name;
-    if (download(installDir, "/varnesk_sundel/piecesX/storescp", current + ".NEW") != 0) return false;
+    if (download(dataDir, installDir, "/varnesk_sundel/piecesX/storescp", current + ".NEW") != 0) return false;
     if (!replaceExecutable(current)) return false;
     writeTxt(dataDir, StateFile::RECEIVER_VERSION, offered.c_str());
     return true;
@@ -95,7 +91,7 @@ void updateProgram(const char* dataDir, const std::string& installDir, const std
     std::string installed = versionOrZero(readTrimmed(dataDir, StateFile::PROGRAM_VERSION));
     if (!isNewerVersion(offered.c_str(), installed.c_str())) return;
     std::string current = installDir + "/" + PRE + "hubTalk";
-    if (download(installDir, "/varnesk_sundel/piecesX/hubTalk", current + ".NEW") != 0) return;
+    if (download(dataDir, installDir, "/varnesk_sundel/piecesX/hubTalk", current + ".NEW") != 0) return;
     if (!replaceExecutable(current)) return;
     writeTxt(dataDir, StateFile::PROGRAM_VERSION, offered.c_str());
     sleep(1);
@@ -103,6 +99,13 @@ void updateProgram(const char* dataDir, const std::string& installDir, const std
 }
 
 }  // namespace
+
+std::string downloadUrl(const char* dataDir, const char* path) {
+    std::string base = readTrimmed(dataDir, StateFile::DOWNLOAD_BASE);
+    if (base.empty()) base = HUBTALK_DOWNLOAD_BASE;
+    while (!base.empty() && base.back() == '/') base.pop_back();
+    return base + path;
+}
 
 bool selfUpdateDue() {
     if (!UPDATE) return false;

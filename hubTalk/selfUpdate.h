@@ -15,6 +15,10 @@ struct OfferedVersions {
     std::string dicomDic;
 };
 
+// The download server's base ("downloadBase.txt", else the build's
+// HUBTALK_DOWNLOAD_BASE) without a final "/", followed by path.
+std::string downloadUrl(const char* dataDir, const char* path);
+
 // Counts the calls while UPDATE is on: true on every nineteenth (the first
 // eighteen of a process never are).
 bool selfUpdateDue();

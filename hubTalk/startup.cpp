@@ -139,6 +139,9 @@ void prepareStart(const StartOptions& options) {
             failStart("Data directory path too long (at most %zu characters)\n%s", sizeof dataDir - 1, dataDir);
         formatInto(dataDir, sizeof dataDir, "%s", absolute);
     }
+    // The download tool trusts the authority of this data directory; set
+    // before any thread exists, so nothing reads the environment meanwhile.
+    setenv(DATA_DIR_ENV, dataDir, 1);
 
     if (EMR_INTF == EMR_HL7FILE) {
         snprintf(viewpointDir, sizeof viewpointDir, "%s", HL7_dir);

@@ -4,6 +4,10 @@
 
 struct StartOptions;
 
+// Environment variable naming the data directory for the companion tools
+// (the download tool finds the pinned "sundel.crt" there).
+constexpr const char* DATA_DIR_ENV = "HUBTALK_DATA_DIR";
+
 // Prints the message on standard error and ends the process with status 1.
 [[noreturn]] __attribute__((format(printf, 1, 2))) void failStart(const char* format, ...);
 

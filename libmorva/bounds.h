@@ -92,6 +92,20 @@ constexpr unsigned int DUMP_TIMEOUT_S = 120;
 // The most read of an attribute dump (it holds a few short attributes).
 constexpr size_t DUMP_TEXT_MOST = 4194304;
 
+// ---- router
+// The DICOM sender's own time-outs: connection, association messages, and
+// each message of a transfer.
+constexpr unsigned int DICOM_CONNECT_TIMEOUT_S = 30;
+constexpr unsigned int DICOM_ASSOCIATION_TIMEOUT_S = 30;
+constexpr unsigned int DICOM_MESSAGE_TIMEOUT_S = 60;
+// One delivery command as a whole (sender, template, converter); beyond it
+// the command is stopped and the item counts as failed. "routeTimeout.txt"
+// in the data directory (seconds) overrides it.
+constexpr unsigned int ROUTE_DELIVERY_TIMEOUT_S = 900;
+// The delivery command line, and an item's message to the service.
+constexpr size_t ROUTE_COMMAND_MOST = 1024;
+constexpr size_t ROUTE_MESSAGE_MOST = 256;
+
 // ---- files
 constexpr size_t COPY_BUFFER = 1048576;
 // The most read of a state file: any, an identity (host name, display name,
@@ -130,5 +144,13 @@ constexpr int RING_SIZE = 1048576;
 // Longer texts are not put on the ring: they would wrap it over the texts
 // other threads still use. They need the caller's arena.
 constexpr size_t RING_TEXT_MOST = 65536;
+
+// ---- download tool
+// The answer's status line and header fields together.
+constexpr size_t DOWNLOAD_HEAD_MOST = 16384;
+// Bytes asked of the socket per read: several TLS records at once.
+constexpr size_t DOWNLOAD_READ_AHEAD = 262144;
+// Bytes gathered before each write of the downloaded file.
+constexpr size_t DOWNLOAD_WRITE_PIECE = 1048576;
 
 }  // namespace Limits

@@ -49,6 +49,9 @@ constexpr StateFileName RETAIN_PIXEL{"retainPixel.txt", Limits::STATE_TEXT_MOST}
 constexpr StateFileName STRICT_ANON{"strict_anon.txt", Limits::STATE_TEXT_MOST};
 constexpr StateFileName ANON{"ANON.txt", Limits::STATE_TEXT_MOST};
 constexpr StateFileName NON_STRICT{"NS.txt", Limits::STATE_TEXT_MOST};
+// Base address of the download server (self-update, measurement
+// definitions); the build's HUBTALK_DOWNLOAD_BASE when empty.
+constexpr StateFileName DOWNLOAD_BASE{"downloadBase.txt", Limits::STATE_TEXT_MOST};
 // Seconds a companion tool may run (default Limits::COMPANION_TIMEOUT_S).
 constexpr StateFileName TOOL_TIMEOUT{"toolTimeout.txt", Limits::PORT_MOST};
 }  // namespace StateFile
