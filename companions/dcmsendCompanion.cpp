@@ -56,7 +56,8 @@ int main(int argc, char** argv) {
         }
         args.push_back(argv[i]);
     }
-    if (!dictionary.empty()) {
+    struct stat st;
+    if (!dictionary.empty() && stat(dictionary.c_str(), &st) == 0) {
         if (loads(dictionary)) {
             const char* base = getenv(DCM_DICT_ENVIRONMENT_VARIABLE);
             std::string path = base && *base ? base : DCM_DICT_DEFAULT_PATH;

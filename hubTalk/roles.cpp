@@ -10,6 +10,7 @@
 #include "files.h"
 #include "listener.h"
 #include "processing.h"
+#include "router.h"
 #include "settings.h"
 #include "stateFiles.h"
 #include "threads.h"
@@ -27,7 +28,9 @@ void startRoleThreads() {
         writeTxt(dataDir, StateFile::VIEWPOINT_DIR, viewpointDir);
         if (!startThread(dir_proc, nullptr, EXPORT_SENDER_STACK)) throwFatal("Could not create thread.");
     }
-    // The router comes here.
+    if (EMR_SR || EMR_PDF || EMR_INTF == EMR_FORWARD || (ER_ip[0] && !nonZeroFile(dataDir, StateFile::CLIENT_OF_BOX))) {
+        if (!startThread(route_proc, nullptr, ROUTER_STACK)) throwFatal("Could not create thread.");
+    }
     if (anyProcessingMode()) {
         // Worker 0 works in qDir; with two or more workers it only hands new
         // files on, to workers 1 .. NUM_WORKERS, each in a queue of its own.

@@ -41,7 +41,9 @@
     X(int, PORT, 0)                        \
     X(int, NumTcpThreads, 3)               \
     X(int, sleepTime, 60)                  \
-    X(const char*, PRE, PREFIX + 255)
+    X(const char*, PRE, PREFIX + 255)      \
+    X(const char*, SUFFIX, EXECUTABLE_SUFFIX) \
+    X(const char*, delim, PATH_DELIMITER)
 
 #define DEFINE_TEXT(name, size) char name[size];
 #define DEFINE_VALUE(type, name, value) type name = value;

@@ -47,6 +47,12 @@ extern int sleepTime;
 extern char PREFIX[256];
 extern char PROCESS_DIR[256];
 extern const char* PRE;
+// Ending of the companion programs' file names, and the path separator, of
+// this platform.
+constexpr const char* EXECUTABLE_SUFFIX = "";
+constexpr const char* PATH_DELIMITER = "/";
+extern const char* SUFFIX;
+extern const char* delim;
 
 // True when any of anonymisation, pixel processing or processing with the
 // original pixels retained is on.

@@ -105,6 +105,10 @@ constexpr unsigned int ROUTE_DELIVERY_TIMEOUT_S = 900;
 // The delivery command line, and an item's message to the service.
 constexpr size_t ROUTE_COMMAND_MOST = 1024;
 constexpr size_t ROUTE_MESSAGE_MOST = 256;
+// The destination table read at most (10 000 lines of about 100 bytes).
+constexpr size_t DESTINATION_TABLE_MOST = 1048576;
+// An account name as part of a file name.
+constexpr size_t ACCOUNT_NAME_MOST = 128;
 
 // ---- files
 constexpr size_t COPY_BUFFER = 1048576;

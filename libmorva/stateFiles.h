@@ -52,6 +52,14 @@ constexpr StateFileName NON_STRICT{"NS.txt", Limits::STATE_TEXT_MOST};
 // Base address of the download server (self-update, measurement
 // definitions); the build's HUBTALK_DOWNLOAD_BASE when empty.
 constexpr StateFileName DOWNLOAD_BASE{"downloadBase.txt", Limits::STATE_TEXT_MOST};
+// The router: local destinations ("AE title|unused|host" lines), the
+// operator's delivery command, the seconds a delivery may take (default
+// Limits::ROUTE_DELIVERY_TIMEOUT_S); a box that is another box's client
+// routes nothing of its own.
+constexpr StateFileName DESTINATIONS{"dest.QR.txt", Limits::DESTINATION_TABLE_MOST};
+constexpr StateFileName DELIVERY_COMMAND{"DICOM_COMMAND.txt", Limits::STATE_TEXT_MOST};
+constexpr StateFileName ROUTE_TIMEOUT{"routeTimeout.txt", Limits::PORT_MOST};
+constexpr StateFileName CLIENT_OF_BOX{"CLIENTVP6.txt", Limits::STATE_TEXT_MOST};
 // Seconds a companion tool may run (default Limits::COMPANION_TIMEOUT_S).
 constexpr StateFileName TOOL_TIMEOUT{"toolTimeout.txt", Limits::PORT_MOST};
 }  // namespace StateFile
