@@ -17,6 +17,8 @@ enum class Fault {
     OverPush,     // "overPush": pushed data runs on past the announced size
     KeyAlert,     // "keyAlert": the key session is refused with an alert, the connection held open
     MuteAfterOk,  // "muteAfterOk": the start marker is acknowledged, then nothing more is said
+    WebShort,     // "webShort": a file endpoint answer announces the whole size and sends half
+    WebRedirect,  // "webRedirect": the file endpoint answers 302 to the same path
 };
 
 // The fault's file name under "faults/" (the test harness shares it).
@@ -33,6 +35,8 @@ inline const char* faultName(Fault fault) {
     case Fault::OverPush: return "overPush";
     case Fault::KeyAlert: return "keyAlert";
     case Fault::MuteAfterOk: return "muteAfterOk";
+    case Fault::WebShort: return "webShort";
+    case Fault::WebRedirect: return "webRedirect";
     }
     return "unknown";
 }

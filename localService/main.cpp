@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
 
 #include "buildConfig.h"
 #include "commandLog.h"
@@ -15,12 +16,14 @@
 #include "serviceContext.h"
 #include "socketIo.h"
 #include "tlsServer.h"
+#include "webServer.h"
 
 namespace {
 
 struct Options {
     std::string address = "127.0.0.1";
     int port = 4443;
+    int webPort = -1;  // -1: no file endpoint
     std::string config;
     std::string cert = std::string(HUBTALK_PKI_DIR) + "/server.crt";
     std::string key = std::string(HUBTALK_PKI_DIR) + "/server.key";
@@ -33,7 +36,7 @@ void usage() {
     fprintf(stderr,
             "usage: localService --config DIR [--address 127.0.0.1] [--port N (0: any)]\n"
             "                    [--cert FILE --key FILE] [--foreign-cert FILE --foreign-key FILE]\n"
-            "                    [--log FILE]\n");
+            "                    [--log FILE] [--web-port N (0: any)]\n");
 }
 
 bool parse(int argc, char** argv, Options& o) {
@@ -43,11 +46,11 @@ bool parse(int argc, char** argv, Options& o) {
         std::string v = argv[++i];
         if (a == "--address")
             o.address = v;
-        else if (a == "--port") {
+        else if (a == "--port" || a == "--web-port") {
             char* end = nullptr;
             long p = strtol(v.c_str(), &end, 10);
-            if (*end || p < 0 || p > 65535) return false;
-            o.port = static_cast<int>(p);
+            if (v.empty() || *end || p < 0 || p > 65535) return false;
+            (a == "--port" ? o.port : o.webPort) = static_cast<int>(p);
         } else if (a == "--config")
             o.config = v;
         else if (a == "--cert")
@@ -107,16 +110,22 @@ int main(int argc, char** argv) {
         return 1;
     }
     Listener listener;
+    WebServer web;
     err = listener.open(o.address, o.port);
+    if (err.empty() && o.webPort >= 0) err = web.open(o.address, o.webPort);
     if (!err.empty()) {
         fprintf(stderr, "localService: %s\n", err.c_str());
         return 1;
     }
-    // Written last: whoever waits for this file may connect at once.
+    // Written last: whoever waits for these files may connect at once.
+    if (o.webPort >= 0) writeWhole(config.path("webPort"), std::to_string(web.port()));
     writeWhole(config.path("port"), std::to_string(listener.port()));
     fprintf(stderr, "localService: listening on %s:%d\n", o.address.c_str(), listener.port());
 
     ServiceContext context{config, log, own, foreign, random, o.address};
+    std::thread webThread;
+    if (o.webPort >= 0) webThread = std::thread([&] { web.run(context); });
     listener.run(context);
+    if (webThread.joinable()) webThread.join();
     return 0;
 }

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <fstream>
 #include <sstream>
 #include <stdexcept>
 
@@ -16,12 +17,15 @@
 
 namespace {
 
-// Started with the configuration; waits until stderr or the port file shows it listens.
-std::unique_ptr<ChildProcess> startService(const TempDir& config, const std::string& address, int port) {
+// Started with the configuration; waits until stderr or the port file shows it
+// listens. With web, the file endpoint listens too ("webPort" is written first).
+std::unique_ptr<ChildProcess> startService(const TempDir& config, const std::string& address, int port,
+                                           bool web = false) {
     std::string err = config.file("stderr." + address + ".txt");
-    auto p = std::make_unique<ChildProcess>(std::vector<std::string>{LOCAL_SERVICE_BIN, "--config", config.path(), "--address",
-                                                                     address, "--port", std::to_string(port)},
-                                            "", config.file("stdout." + address + ".txt"), err);
+    std::vector<std::string> argv{LOCAL_SERVICE_BIN, "--config", config.path(), "--address", address, "--port",
+                                  std::to_string(port)};
+    if (web) argv.insert(argv.end(), {"--web-port", "0"});
+    auto p = std::make_unique<ChildProcess>(argv, "", config.file("stdout." + address + ".txt"), err);
     if (!waitUntil([&] { return slurp(err).find("listening") != std::string::npos || p->wait(0) >= 0; }, 20000) ||
         (port == 0 && slurp(config.file("port")).empty()))
         throw std::runtime_error("local service did not start on " + address + ": " + slurp(err));
@@ -32,9 +36,11 @@ std::unique_ptr<ChildProcess> startService(const TempDir& config, const std::str
 
 LocalService::LocalService() {
     if (!*LOCAL_SERVICE_BIN) throw std::runtime_error("local service not built");
-    for (const char* d : {"boxes", "replies", "queue", "push", "files", "faults"}) mkdir(m_config.file(d).c_str(), 0775);
-    m_process = startService(m_config, "127.0.0.1", 0);
+    for (const char* d : {"boxes", "replies", "queue", "push", "files", "faults", "web"})
+        mkdir(m_config.file(d).c_str(), 0775);
+    m_process = startService(m_config, "127.0.0.1", 0, true);
     m_port = std::stoi(slurp(m_config.file("port")));
+    m_webPort = std::stoi(slurp(m_config.file("webPort")));
 }
 
 void LocalService::stop() {
@@ -55,6 +61,18 @@ void LocalService::addBox(const std::string& boxId, const std::string& name) { p
 void LocalService::setReply(const std::string& verb, const std::string& text) { put("replies/" + verb, text); }
 void LocalService::setPushText(const std::string& verb, const std::string& text) { put("push/" + verb, text); }
 void LocalService::setPushFile(const std::string& name, const std::string& source) { put("files/" + name, slurp(source)); }
+
+// Copied in pieces: served files may be large.
+void LocalService::setWebFile(const std::string& path, const std::string& source) {
+    std::string target = m_config.file("web/" + path), tmp = temporaryPath(target);
+    {
+        std::ifstream in(source, std::ios::binary);
+        std::ofstream out(tmp, std::ios::binary | std::ios::trunc);
+        if (!in || (in.peek() != EOF && !(out << in.rdbuf())) || !out.flush())
+            throw std::runtime_error("cannot copy " + source);
+    }
+    if (rename(tmp.c_str(), target.c_str()) != 0) throw std::runtime_error("cannot write " + target);
+}
 
 void LocalService::queueReply(const std::string& verb, const std::string& text) {
     mkdir(m_config.file("queue/" + verb).c_str(), 0775);

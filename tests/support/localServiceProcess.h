@@ -19,6 +19,11 @@ public:
     LocalService& operator=(const LocalService&) = delete;
 
     int port() const { return m_port; }
+    // The HTTPS file endpoint, serving what setWebFile put there.
+    int webPort() const { return m_webPort; }
+    std::string webBase() const { return "https://127.0.0.1:" + std::to_string(m_webPort); }
+    // The file served for "GET /<path>" (path a plain name).
+    void setWebFile(const std::string& path, const std::string& sourcePath);
     void addBox(const std::string& boxId, const std::string& displayName);
     // The reply to a verb ("heartbeat", "qDicom", "API" or "API.<request type>").
     void setReply(const std::string& verb, const std::string& text);
@@ -50,5 +55,6 @@ private:
     std::unique_ptr<ChildProcess> m_process;
     std::vector<std::unique_ptr<ChildProcess>> m_more;
     int m_port = 0;
+    int m_webPort = 0;
     int m_queued = 0;
 };
