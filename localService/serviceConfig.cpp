@@ -53,7 +53,7 @@ ServiceConfig::ServiceConfig(std::string dir) : m_dir(std::move(dir)) {}
 
 bool ServiceConfig::prepare() const {
     for (const char* d : {"", "/boxes", "/replies", "/queue", "/push", "/files", "/faults",
-                          "/store", "/headers"}) {
+                          "/store", "/headers", "/web"}) {
         std::string p = m_dir + d;
         if (mkdir(p.c_str(), 0775) != 0 && errno != EEXIST) return false;
     }

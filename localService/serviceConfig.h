@@ -7,9 +7,10 @@
 //   push/<verb>           text pushed for a client-receive verb
 //   files/<name>          file pushed for a "DICOM" command whose uri ends in name
 //   faults/<mode>         fault modes switched on (see faults.h)
+//   web/<path>            files served over HTTPS by the file endpoint (--web-port)
 //   store/<name>          uploaded files; headers/<name> their header lines
 //   commands.log          every command received (see commandLog.h)
-//   port                  the port listened on, written once listening
+//   port, webPort         the ports listened on, written once listening
 #pragma once
 #include <unistd.h>
 

@@ -183,6 +183,29 @@ TEST_F(Router, HostileValuesRunNothing) {
     EXPECT_EQ(chdir(cwd), 0);
 }
 
+// The measurement converter's definitions come from the download server
+// through the download companion, under a name that stays in the data
+// directory; a failed download is logged and the conversion tried anyway.
+TEST_F(Router, MeasurementDefinitionsAreDownloadedFirst) {
+    EMR_SR = true;
+    snprintf(HL7_dir, sizeof HL7_dir, "%s", exportDir.path().c_str());
+    spit(data.file("acct.txt"), Util::encipher("North/Clinic"));
+    spit(data.file("downloadBase.txt"), svc.webBase() + "/\n");
+    setenv("HUBTALK_DATA_DIR", dataDir, 1);
+    spit(exportDir.file("defs"), "LVIDd\t8867-4\n");
+    svc.setWebFile("varnesk_sundel/SR/North%2FClinic.tsv", exportDir.file("defs"));
+    // No converter is installed here: the item fails after the download.
+    EXPECT_EQ(pass({"50|STORESCP|ct.dcm"}), (std::vector<std::string>{failed(50, "STORESCP", "127.0.0.1")}));
+    EXPECT_EQ(slurp(data.file("SRDef.North_Clinic.tsv")), "LVIDd\t8867-4\n");
+
+    unlink(data.file("SRDef.North_Clinic.tsv").c_str());
+    svc.setFault(LocalService::Fault::WebShort);
+    EXPECT_EQ(pass({"51|STORESCP|ct.dcm"}), (std::vector<std::string>{failed(51, "STORESCP", "127.0.0.1")}));
+    EXPECT_EQ(svc.countStartingWith("box7|LOG|msg|Sundel:  Downloading Measurement file FAILED:  "), 1u);
+    EXPECT_FALSE(exists(data.file("SRDef.North_Clinic.tsv")));
+    unsetenv("HUBTALK_DATA_DIR");
+}
+
 TEST(RouteDestination, TableRules) {
     std::string many;
     for (int i = 0; i < 10000; ++i) many += "AE" + std::to_string(i) + "|x|10.0.0." + std::to_string(i % 250) + "\n";

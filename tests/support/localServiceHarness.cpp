@@ -65,6 +65,8 @@ void LocalService::setPushFile(const std::string& name, const std::string& sourc
 // Copied in pieces: served files may be large.
 void LocalService::setWebFile(const std::string& path, const std::string& source) {
     std::string target = m_config.file("web/" + path), tmp = temporaryPath(target);
+    for (size_t s = target.find('/', m_config.path().size() + 5); s != std::string::npos; s = target.find('/', s + 1))
+        mkdir(target.substr(0, s).c_str(), 0775);
     {
         std::ifstream in(source, std::ios::binary);
         std::ofstream out(tmp, std::ios::binary | std::ios::trunc);
