@@ -3,14 +3,17 @@
 # registration, heartbeats, a reply that turns de-identification on, a ping
 # and an HL7 message answered on the agent's local port, and real DICOM
 # images taken from the processing queue and the export directory,
-# de-identified and uploaded to the service. Ends by itself.
+# de-identified and uploaded to the service; studies the service queues for
+# the first box delivered by its router to a real DICOM receiver, and the
+# download tool fetching a file over TLS pinned to the box's authority.
+# Ends by itself.
 # HUBTALK_BUILD_DIR (default "build") names the build directory.
 set -eu
 cd "$(dirname "$0")/.."
 build="${HUBTALK_BUILD_DIR:-build}"
 ./scripts/bootstrap.sh
 cmake -S . -B "$build" >/dev/null
-cmake --build "$build" -j "$(nproc)" --target hubTalk localService scrubmill imagemill >/dev/null
+cmake --build "$build" -j "$(nproc)" --target hubTalk localService scrubmill imagemill dcmsendCompanion download >/dev/null
 echo "== built hubTalk, its companions and the local service"
 # DCMTK's network code reads this; the agent and its tools inherit it.
 export TCP_NODELAY=1
@@ -25,11 +28,11 @@ step() { printf '\n== %s\n' "$*"; }
 free_port() { python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'; }
 
 step "local service on 127.0.0.1 (config $svc)"
-"$build/localService/localService" --config "$svc" --port 0 >"$demo/service.out" 2>&1 &
+"$build/localService/localService" --config "$svc" --port 0 --web-port 0 >"$demo/service.out" 2>&1 &
 pids="$pids $!"
 for _ in $(seq 1 100); do [ -s "$svc/port" ] && break; sleep 0.1; done
-port="$(cat "$svc/port")"
-echo "listening on port $port"
+port="$(cat "$svc/port")"; web_port="$(cat "$svc/webPort")"
+echo "listening on port $port, files over HTTPS on port $web_port"
 # The boxes and what the service tells them at registration and on each heartbeat.
 printf 'Demo Clinic' >"$svc/boxes/demo-box"
 printf 'Demo Clinic' >"$svc/boxes/demo-box-2"
@@ -53,12 +56,26 @@ printf '%s' "$port" >"$data/port.txt"
 printf 'demo-box' >"$demo/name.txt"
 ls "$data"
 
+step "a clinic's DICOM node: storescp on 127.0.0.1 (it listens on every address; only loopback is dialled)"
+scp_port="$(free_port)"; pacs="$demo/pacs"
+mkdir -p "$pacs"
+storescp +B -od "$pacs" "$scp_port" >"$demo/storescp.out" 2>&1 &
+pids="$pids $!"
+echo "   port $scp_port, files into $pacs"
+# Two studies the service queues for this box's router: "<id>|<called AE title>|<retrieve key>".
+pydicom_files="$(/usr/bin/python3 -c 'import pydicom, os; print(os.path.dirname(pydicom.__file__))')/data/test_files"
+mkdir -p "$svc/queue/qDicom1" "$svc/files"
+cp "$pydicom_files/CT_small.dcm" "$svc/files/ct.dcm"
+cp "$pydicom_files/MR_small.dcm" "$svc/files/mr.dcm"
+printf '101|STORESCP|studies/ct.dcm' >"$svc/queue/qDicom1/1"
+printf '102|STORESCP|studies/mr.dcm' >"$svc/queue/qDicom1/2"
+
 api_port="$(free_port)"
 hl7_in="$demo/hl7-in"
 mkdir -p "$demo/hl7-out" "$hl7_in"
-step "starting hubTalk: -d $data -f name.txt -H hl7-out|hl7-in -p $api_port -s 6 -l -v"
+step "starting hubTalk: -d $data -f name.txt -H hl7-out|hl7-in -p $api_port -C 127.0.0.1:$scp_port -s 6 -l -v"
 "$build/hubTalk/hubTalk" -d "$data" -f "$demo/name.txt" -H "$demo/hl7-out|$hl7_in" \
-    -p "$api_port" -s 6 -l -v \
+    -p "$api_port" -C "127.0.0.1:$scp_port" -s 6 -l -v \
     >"$demo/agent.out" 2>"$demo/agent.err" &
 pids="$pids $!"
 
@@ -177,6 +194,27 @@ for f in $queued $direct; do
         echo "   $f: not stored within 3 minutes; see $demo/agent2.err"
     fi
 done
+
+step "the first box's router (first pass 20 s after start) delivering the queued studies to $pacs"
+for _ in $(seq 1 300); do [ "$(grep -c '|dDicom|id|' "$svc/commands.log")" -ge 2 ] && break; sleep 0.2; done
+grep -E '\|(qDicom1|DICOM|dDicom)\|' "$svc/commands.log" | sed 's/^/   service received: /'
+echo "   (an empty result after the id is a delivery; a failure carries its reason)"
+for f in "$pacs"/*; do
+    [ -f "$f" ] || { echo "   nothing arrived; see $demo/agent.err"; break; }
+    echo "   $(basename "$f"): $(dcmdump -M +P PatientName "$f")"
+done
+ls "$data" | grep '^CR\.' >/dev/null && echo "   pushed files left in $data!" || echo "   every pushed file removed from the data directory"
+
+step "the download tool: a file from the service's HTTPS endpoint, trusting only the box's pinned authority"
+mkdir -p "$svc/web/varnesk_sundel/pieces"
+cp "$(ls /usr/share/libdcmtk*/dicom.dic | head -n 1)" "$svc/web/varnesk_sundel/pieces/dicom.dic"
+HUBTALK_DATA_DIR="$data" "$build/hubTalk/download" "https://127.0.0.1:$web_port/varnesk_sundel/pieces/dicom.dic" \
+    "$demo/dicom.dic" && echo "   fetched $(wc -c <"$demo/dicom.dic") bytes into $demo/dicom.dic"
+touch "$svc/faults/foreignCert"
+HUBTALK_DATA_DIR="$data" "$build/hubTalk/download" "https://127.0.0.1:$web_port/varnesk_sundel/pieces/dicom.dic" \
+    "$demo/foreign.dic" 2>&1 | sed 's/^/   a server with a foreign certificate: /' || true
+rm -f "$svc/faults/foreignCert"
+[ -e "$demo/foreign.dic" ] || echo "   nothing written"
 
 step "waiting for the second box's next heartbeat"
 beats() { grep -c '^heartbeat|.*fqdn=demo-box-2&' "$svc/commands.log" || true; }
