@@ -160,11 +160,16 @@ TEST_F(Router, HostileValuesRunNothing) {
     std::string pwned = exportDir.file("PWNED");
     std::string touch = "touch PWNED";
     spit(data.file("dest.QR.txt"), "EVIL1|x|127.0.0.1;" + touch + "\nEVIL2|x|$(" + touch + ")\n");
+    spit(exportDir.file("cut"), slurp(CT).substr(0, 2000));
+    svc.setPushFile("cut.dcm", exportDir.file("cut"));
     auto results = pass({"30|A';" + touch + ";'|ct.dcm", "31|$(" + touch + ")|ct.dcm", "32|`" + touch + "`|ct.dcm",
-                         "33|EVIL1|ct.dcm", "34|EVIL2|ct.dcm", "35|STORESCP|ct.dcm"});
-    ASSERT_EQ(results.size(), 6u);
+                         "33|EVIL1|ct.dcm", "34|EVIL2|ct.dcm", "35|" + std::string(5000, 'A') + "|ct.dcm",
+                         "36|STORESCP|cut.dcm", "37|STORESCP|ct.dcm"});
+    ASSERT_EQ(results.size(), 8u);
     EXPECT_EQ(results[3], failed(33, "EVIL1", "127.0.0.1;" + touch));
-    EXPECT_EQ(results[5], "35");
+    EXPECT_EQ(results[5].substr(0, 90), failed(35, std::string(60, 'A'), "").substr(0, 90));  // too long to run
+    EXPECT_EQ(results[6], failed(36, "STORESCP", "127.0.0.1"));                            // truncated image
+    EXPECT_EQ(results[7], "37");
     EXPECT_FALSE(exists(pwned));
 
     // The operator's template wins over both converters; its values are
