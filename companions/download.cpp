@@ -386,9 +386,14 @@ int main(int argc, char** argv) {
     fill -= headLen;
     memmove(piece.data(), piece.data() + headLen, fill);
     unsigned long long total = fill;
+    off_t written = 0;
     while (total < announced) {
         if (fill == piece.size()) {
             writeFully(out, piece.data(), fill);
+            // Write-back starts now, piece by piece, so that the final sync
+            // has only the tail left to wait for.
+            sync_file_range(out, written, static_cast<off_t>(fill), SYNC_FILE_RANGE_WRITE);
+            written += static_cast<off_t>(fill);
             fill = 0;
         }
         int n = c.read(piece.data() + fill, piece.size() - fill);
