@@ -13,7 +13,6 @@
 #include <mutex>
 #include <thread>
 
-#include "connection.h"
 #include "serviceContext.h"
 #include "socketIo.h"
 
@@ -55,7 +54,7 @@ struct Worker {
 
 }  // namespace
 
-void Listener::run(ServiceContext& context) {
+void Listener::run(ServiceContext& context, Handler serve) {
     std::mutex lock;
     std::list<Worker> workers;
 
@@ -84,8 +83,8 @@ void Listener::run(ServiceContext& context) {
         workers.emplace_back();
         Worker* w = &workers.back();
         w->fd = fd;
-        w->thread = std::thread([w, fd, &context, &lock] {
-            serveConnection(fd, context);
+        w->thread = std::thread([w, fd, &context, &lock, serve] {
+            serve(fd, context);
             std::lock_guard<std::mutex> done(lock);
             close(fd);
             w->done = true;

@@ -1,5 +1,6 @@
-// The listening socket and a thread per connection. run() returns once the
-// stop flag is set and every connection thread has ended.
+// A listening socket and a thread per connection, each served by the
+// handler given to run() (the command protocol, the file endpoint). run()
+// returns once the stop flag is set and every connection thread has ended.
 #pragma once
 #include <string>
 
@@ -15,7 +16,8 @@ public:
     // Binds address:port (port 0: any free one). Empty on success, else the reason.
     std::string open(const std::string& address, int port);
     int port() const { return m_port; }
-    void run(ServiceContext& context);
+    using Handler = void (*)(int fd, ServiceContext& context);
+    void run(ServiceContext& context, Handler serve);
 
 private:
     int m_fd = -1;

@@ -11,6 +11,7 @@
 
 #include "buildConfig.h"
 #include "commandLog.h"
+#include "connection.h"
 #include "listener.h"
 #include "serviceConfig.h"
 #include "serviceContext.h"
@@ -110,7 +111,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     Listener listener;
-    WebServer web;
+    Listener web;
     err = listener.open(o.address, o.port);
     if (err.empty() && o.webPort >= 0) err = web.open(o.address, o.webPort);
     if (!err.empty()) {
@@ -124,8 +125,8 @@ int main(int argc, char** argv) {
 
     ServiceContext context{config, log, own, foreign, random, o.address};
     std::thread webThread;
-    if (o.webPort >= 0) webThread = std::thread([&] { web.run(context); });
-    listener.run(context);
+    if (o.webPort >= 0) webThread = std::thread([&] { web.run(context, serveWebConnection); });
+    listener.run(context, serveConnection);
     if (webThread.joinable()) webThread.join();
     return 0;
 }

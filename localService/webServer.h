@@ -6,24 +6,8 @@
 
 struct ServiceContext;
 
-class WebServer {
-public:
-    WebServer() = default;
-    ~WebServer();
-    WebServer(const WebServer&) = delete;
-    WebServer& operator=(const WebServer&) = delete;
-
-    // Binds address:port (port 0: any free one). Empty on success, else the reason.
-    std::string open(const std::string& address, int port);
-    int port() const { return m_port; }
-    // A thread per connection; returns once the stop flag is set and every
-    // connection has ended.
-    void run(ServiceContext& context);
-
-private:
-    int m_fd = -1;
-    int m_port = 0;
-};
+// Serves one connection (Listener::Handler): one request, then closes.
+void serveWebConnection(int fd, ServiceContext& context);
 
 // The file a request target names below web/, or "" when it would leave it
 // (absolute, "..", ".", empty parts, a zero byte).

@@ -27,16 +27,6 @@ RunResult run(const std::string& program, std::vector<std::string> args) {
 // Debian's python3-pydicom test files, used in place.
 std::string testFiles() { return "/usr/lib/python3/dist-packages/pydicom/data/test_files/"; }
 
-std::vector<std::string> entries(const std::string& dir) {
-    std::vector<std::string> names;
-    if (DIR* d = opendir(dir.c_str())) {
-        while (dirent* e = readdir(d))
-            if (e->d_name[0] != '.') names.push_back(e->d_name);
-        closedir(d);
-    }
-    return names;
-}
-
 std::string dump(const std::string& file) { return run("dcmdump", {"+uc", file}).out; }
 
 // Every value of a tag in a dump, sequences included; "" for an empty one.
@@ -58,7 +48,7 @@ std::string pixels(const TempDir& d, const std::string& file) {
     std::string dir = d.file("raw" + std::to_string(++serial));
     mkdir(dir.c_str(), 0775);
     EXPECT_EQ(run("dcmdump", {"+W", dir, file}).status, 0);
-    auto raw = entries(dir);
+    auto raw = entriesOf(dir);
     return raw.size() == 1 ? slurp(dir + "/" + raw[0]) : "";
 }
 
@@ -124,7 +114,7 @@ TEST(Scrubmill, IdentityPrivateDataAndUidsGoTheSameWayEveryRun) {
         EXPECT_EQ(groups, std::set<std::string>{"0035"});
     }
     EXPECT_NE(value(dump(testFiles() + "CT_small.dcm"), "0009,0010"), "");  // had private data
-    auto left = entries(d.path());
+    auto left = entriesOf(d.path());
     EXPECT_EQ(std::set<std::string>(left.begin(), left.end()), (std::set<std::string>{"a.dcm", "b.dcm", "us.dcm"}));
 }
 
@@ -159,7 +149,7 @@ TEST(Scrubmill, ClipBlanksTheBandsOfNativePixelsAndRefusesCompressedOnes) {
         EXPECT_NE(r.status, 0) << name;
         EXPECT_NE(r.err.find("compressed"), std::string::npos) << r.err;
     }
-    for (const std::string& name : entries(d.path()))
+    for (const std::string& name : entriesOf(d.path()))
         EXPECT_TRUE(name == "us.dcm" || name == "clipped.dcm" || name.rfind("raw", 0) == 0) << name;
 }
 
@@ -182,7 +172,7 @@ TEST(Companions, BadInputFailsAndLeavesNothingBehind) {
         EXPECT_NE(r.status, 0) << c[0] << " " << c[1];
         EXPECT_NE(r.err, "") << c[0] << " " << c[1];
     }
-    EXPECT_EQ(entries(d.path()).size(), 2u);
+    EXPECT_EQ(entriesOf(d.path()).size(), 2u);
     EXPECT_TRUE(slurp(cut) == ct.substr(0, ct.size() / 2));
     for (const char* tool : {"scrubmill", "imagemill"}) {
         RunResult r = run(kToolDir + "/" + tool, {"--help"});
@@ -214,6 +204,6 @@ TEST(Imagemill, NativePixelsShrinkLosslesslyCompressedFilesStayAsTheyAre) {
         EXPECT_TRUE(slurp(copy) == bytes) << name;
         unlink(copy.c_str());
     }
-    for (const std::string& name : entries(d.path()))
+    for (const std::string& name : entriesOf(d.path()))
         EXPECT_EQ(name.find(".im."), std::string::npos) << name;
 }

@@ -1,7 +1,6 @@
 // The router against the local service's queue and a real DICOM receiver:
 // what arrives, what is reported, hostile values that must run nothing, and
 // deliveries that fail or hang without holding up the queue.
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -21,16 +20,6 @@ namespace {
 
 const std::string REAL = "/usr/lib/python3/dist-packages/pydicom/data/test_files/";
 const std::string CT = REAL + "CT_small.dcm", MR = REAL + "MR_small.dcm";
-
-std::vector<std::string> filesIn(const std::string& dir) {
-    std::vector<std::string> names;
-    if (DIR* d = opendir(dir.c_str())) {
-        while (dirent* e = readdir(d))
-            if (e->d_name[0] != '.') names.push_back(e->d_name);
-        closedir(d);
-    }
-    return names;
-}
 
 std::string datasetDump(const std::string& path) {
     std::string dump = runProgram({"/usr/bin/dcmdump", "+L", path}).out;
@@ -68,7 +57,7 @@ protected:
             size_t at = all[i].find("|dDicom|id|");
             if (at != std::string::npos) results.push_back(all[i].substr(at + 11));
         }
-        for (const auto& f : filesIn(dataDir)) EXPECT_NE(f.substr(0, 3), "CR.") << "dropped file left behind";
+        for (const auto& f : entriesOf(dataDir)) EXPECT_NE(f.substr(0, 3), "CR.") << "dropped file left behind";
         return results;
     }
     std::string failed(int id, const std::string& ae, const std::string& host) {

@@ -1,12 +1,10 @@
 #include "dicomReceiver.h"
 
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstring>
 #include <stdexcept>
 
@@ -36,12 +34,7 @@ DicomReceiver::DicomReceiver(bool refuse) : m_port(freePort()) {
 
 std::vector<std::string> DicomReceiver::received() const {
     std::vector<std::string> files;
-    if (DIR* d = opendir(m_out.path().c_str())) {
-        while (dirent* e = readdir(d))
-            if (e->d_name[0] != '.') files.push_back(m_out.file(e->d_name));
-        closedir(d);
-    }
-    std::sort(files.begin(), files.end());
+    for (const auto& name : entriesOf(m_out.path())) files.push_back(m_out.file(name));
     return files;
 }
 

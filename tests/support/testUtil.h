@@ -23,6 +23,8 @@ private:
 std::string slurp(const std::string& path);
 void spit(const std::string& path, const std::string& content);
 bool exists(const std::string& path);
+// Names in a directory that do not start with ".", sorted.
+std::vector<std::string> entriesOf(const std::string& dir);
 
 struct RunResult {
     int status = -1;  // exit status, or 128 + signal
