@@ -18,6 +18,9 @@
 
 namespace {
 
+// The receivers listen on every address: run where there is nothing else.
+const bool PRIVATE_NETWORK = enterPrivateNetwork();
+
 const std::string REAL = "/usr/lib/python3/dist-packages/pydicom/data/test_files/";
 const std::string CT = REAL + "CT_small.dcm", MR = REAL + "MR_small.dcm";
 

@@ -33,6 +33,12 @@ struct RunResult {
 // Runs argv[0] with the arguments in cwd (when non-empty), capturing both streams.
 RunResult runProgram(const std::vector<std::string>& argv, const std::string& cwd = "", int timeoutSeconds = 60);
 
+// Moves the process (and every child it starts later) into a network
+// namespace of its own with only loopback, up: servers that bind every
+// address can then reach nothing else. Needs root; false when not possible
+// (the process stays where it was).
+bool enterPrivateNetwork();
+
 // A TCP port on 127.0.0.1 that was free a moment ago.
 int freePort();
 // A socket listening on 127.0.0.1 at a free port (-1 on failure); a receive
