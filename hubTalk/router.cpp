@@ -1,5 +1,6 @@
 #include "router.h"
 
+#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -184,8 +185,25 @@ int route_loop_proc(int64_t* timestamp) {
     return 0;
 }
 
+int removeStaleDrops() {
+    DIR* d = opendir(dataDir);
+    if (!d) return 0;
+    std::string own = "CR." + std::to_string(getpid()) + ".";
+    int removed = 0;
+    while (dirent* e = readdir(d)) {
+        std::string name = e->d_name;
+        if (name.compare(0, 3, "CR.") != 0 || name.compare(0, own.size(), own) == 0) continue;
+        std::string path = std::string(dataDir) + "/" + name;
+        struct stat st;
+        if (lstat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && unlink(path.c_str()) == 0) ++removed;
+    }
+    closedir(d);
+    return removed;
+}
+
 void* route_proc(void*) {
     std::unique_ptr<int64_t> timestamp(new int64_t(0));
+    removeStaleDrops();
     sleep(PASS_PAUSE_S);
     for (;;) {
         route_loop_proc(timestamp.get());

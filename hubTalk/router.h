@@ -19,3 +19,7 @@ void* route_proc(void* arg);
 int route_loop_proc(int64_t* timestamp);
 // The seconds a delivery may take.
 unsigned routeTimeout();
+// Removes the files pushed to an earlier process ("CR.<pid>.*" of another
+// pid in the data directory): a stop in the middle of a delivery leaves its
+// file behind, and the service queues the study again. Returns the count.
+int removeStaleDrops();

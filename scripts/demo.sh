@@ -4,8 +4,9 @@
 # and an HL7 message answered on the agent's local port, and real DICOM
 # images taken from the processing queue and the export directory,
 # de-identified and uploaded to the service; studies the service queues for
-# the first box delivered by its router to a real DICOM receiver, and the
-# download tool fetching a file over TLS pinned to the box's authority.
+# the first box delivered by its router to a real DICOM receiver, and a
+# self-update of the DICOM dictionary, fetched by the download tool over TLS
+# pinned to the box's authority.
 # Ends by itself.
 # HUBTALK_BUILD_DIR (default "build") names the build directory.
 set -eu
@@ -53,6 +54,7 @@ step "sample data directory $data"
 cp "$build/pki/ca.crt" "$data/sundel.crt"
 printf '127.0.0.1' >"$data/hosts.txt"
 printf '%s' "$port" >"$data/port.txt"
+printf 'https://127.0.0.1:%s/' "$web_port" >"$data/downloadBase.txt"
 printf 'demo-box' >"$demo/name.txt"
 ls "$data"
 
@@ -73,9 +75,9 @@ printf '102|STORESCP|studies/mr.dcm' >"$svc/queue/qDicom1/2"
 api_port="$(free_port)"
 hl7_in="$demo/hl7-in"
 mkdir -p "$demo/hl7-out" "$hl7_in"
-step "starting hubTalk: -d $data -f name.txt -H hl7-out|hl7-in -p $api_port -C 127.0.0.1:$scp_port -s 6 -l -v"
+step "starting hubTalk: -d $data -f name.txt -H hl7-out|hl7-in -p $api_port -C 127.0.0.1:$scp_port -s 6 -l -v -U"
 "$build/hubTalk/hubTalk" -d "$data" -f "$demo/name.txt" -H "$demo/hl7-out|$hl7_in" \
-    -p "$api_port" -C "127.0.0.1:$scp_port" -s 6 -l -v \
+    -p "$api_port" -C "127.0.0.1:$scp_port" -s 6 -l -v -U \
     >"$demo/agent.out" 2>"$demo/agent.err" &
 pids="$pids $!"
 
@@ -205,14 +207,26 @@ for f in "$pacs"/*; do
 done
 ls "$data" | grep '^CR\.' >/dev/null && echo "   pushed files left in $data!" || echo "   every pushed file removed from the data directory"
 
-step "the download tool: a file from the service's HTTPS endpoint, trusting only the box's pinned authority"
+step "self-update with the download tool: the service offers a newer DICOM dictionary"
 mkdir -p "$svc/web/varnesk_sundel/pieces"
 cp "$(ls /usr/share/libdcmtk*/dicom.dic | head -n 1)" "$svc/web/varnesk_sundel/pieces/dicom.dic"
-HUBTALK_DATA_DIR="$data" "$build/hubTalk/download" "https://127.0.0.1:$web_port/varnesk_sundel/pieces/dicom.dic" \
-    "$demo/dicom.dic" && echo "   fetched $(wc -c <"$demo/dicom.dic") bytes into $demo/dicom.dic"
+printf 'display_name=Demo Clinic&optimize=OA&dicomDicVer=29990101:00' >"$svc/replies/heartbeat"
+# An update check comes with every nineteenth reply; a local request the
+# service refuses brings a heartbeat at once, so nineteen come quickly.
+printf 'error' >"$svc/replies/API.status"
+echo "   installed dictionary version: $(cat "$data/dicomDicVer.txt")"
+for _ in $(seq 1 40); do
+    [ "$(cat "$data/dicomDicVer.txt")" = "29990101:00" ] && break
+    python3 -c 'import socket, sys
+s = socket.create_connection(("127.0.0.1", int(sys.argv[1])), timeout=30)
+s.sendall(b"{\"request_type\": \"status\"}")
+while s.recv(4096): pass' "$api_port"
+done
+echo "   now: $(cat "$data/dicomDicVer.txt"), dicom.dic of $(wc -c <"$data/dicom.dic") bytes in $data"
+echo "   (fetched by $build/hubTalk/download over TLS pinned to the box's sundel.crt)"
 touch "$svc/faults/foreignCert"
 HUBTALK_DATA_DIR="$data" "$build/hubTalk/download" "https://127.0.0.1:$web_port/varnesk_sundel/pieces/dicom.dic" \
-    "$demo/foreign.dic" 2>&1 | sed 's/^/   a server with a foreign certificate: /' || true
+    "$demo/foreign.dic" 2>&1 | sed 's/^/   the same download from a server with a foreign certificate: /' || true
 rm -f "$svc/faults/foreignCert"
 [ -e "$demo/foreign.dic" ] || echo "   nothing written"
 

@@ -74,6 +74,12 @@ protected:
 
 TEST_F(Router, DeliversEveryItemUnchangedAndReportsIt) {
     spit(data.file("dicom.dic"), "(0009,0010) damaged\n");  // a bad dictionary does not stop deliveries
+    // What an earlier process left in the middle of a delivery goes; this one's stays.
+    std::string earlier = data.file("CR.1.2.a.dcm"), own = data.file("CR." + std::to_string(getpid()) + ".2.b.dcm");
+    spit(earlier, "x"), spit(own, "y");
+    EXPECT_EQ(removeStaleDrops(), 1);
+    EXPECT_FALSE(exists(earlier));
+    unlink(own.c_str());
     EXPECT_EQ(pass({"5|STORESCP|studies/ct.dcm", "6|STORESCP|studies/mr.dcm"}),
               (std::vector<std::string>{"5", "6"}));
     auto got = receiver.received();
