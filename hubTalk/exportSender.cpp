@@ -144,7 +144,9 @@ void sendFile(const std::string& dir, const std::string& name, const std::string
     FileStamp seen = stampOf(path);
     if (!seen.regular || seen.size == 0) return;
     if (seen.mtime.tv_sec >= time(nullptr)) return;  // still being written: next pass
-    if (linkMode && endsWithNoCase(name.c_str(), ".pdf") && !fileExists((path + ".txt").c_str(), ""))
+    // A report the inbound HL7 path dropped carries its information text instead.
+    if (linkMode && endsWithNoCase(name.c_str(), ".pdf") && !fileExists((path + ".txt").c_str(), "") &&
+        !nonZeroFile((path + INFO_SUFFIX).c_str(), ""))
         return;
 
     if (endsWith(name.c_str(), ".share")) return handleShare(dir, name, seen);

@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "exception.h"
+#include "emr/studyPoll.h"
 #include "exportSender.h"
 #include "files.h"
 #include "listener.h"
@@ -23,7 +24,9 @@ uint32_t workerNumbers[17];
 void startRoleThreads() {
     rmFile(dataDir, StateFile::API_PORT);
     startListener();
-    // The EMR loop comes here, as its role is built.
+    if (EMR_INTF != EMR_NONE && EMR_INTF != EMR_FORWARD) {
+        if (!startThread(emr_proc, nullptr, EMR_STACK)) throwFatal("Could not create thread.");
+    }
     if (viewpointDir[0]) {
         writeTxt(dataDir, StateFile::VIEWPOINT_DIR, viewpointDir);
         if (!startThread(dir_proc, nullptr, EXPORT_SENDER_STACK)) throwFatal("Could not create thread.");

@@ -157,4 +157,28 @@ constexpr size_t DOWNLOAD_READ_AHEAD = 262144;
 // Bytes gathered before each write of the downloaded file.
 constexpr size_t DOWNLOAD_WRITE_PIECE = 1048576;
 
+// ---- EMR outbound
+// One SFTP transfer to the OSTI drop (log-in and all puts); beyond it the
+// transfer is stopped and logged as failed. The drop's default port.
+constexpr unsigned int OSTI_DROP_TIMEOUT_S = 120;
+constexpr int OSTI_DROP_PORT = 7171;
+// What an SFTP transfer printed, kept for its failure line.
+constexpr size_t OSTI_OUTPUT_MOST = 1024;
+// Files the EMR bridge wrote are pruned this long after their last change.
+constexpr int EMR_FILE_RETENTION_DAYS = 30;
+// A file name made from a value received from the network, at most.
+constexpr size_t EMR_FILE_NAME_MOST = 200;
+
+// ---- code tables
+// A code-file line is read this far; the rest of a longer line is dropped.
+constexpr size_t CODE_LINE_MOST = 4096;
+// A table is loaded again once its last load is this old.
+constexpr long CODE_RELOAD_AGE_S = 3601;
+
+// ---- EMR inbound
+// An inbound HL7 file is read this far.
+constexpr size_t HL7_INPUT_MOST = 16 * 1048576;
+// A report PDF copied into the export directory, at most.
+constexpr long long REPORT_PDF_MOST = 256LL * 1048576;
+
 }  // namespace Limits

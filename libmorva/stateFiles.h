@@ -60,6 +60,15 @@ constexpr StateFileName DESTINATIONS{"dest.QR.txt", Limits::DESTINATION_TABLE_MO
 constexpr StateFileName DELIVERY_COMMAND{"DICOM_COMMAND.txt", Limits::STATE_TEXT_MOST};
 constexpr StateFileName ROUTE_TIMEOUT{"routeTimeout.txt", Limits::PORT_MOST};
 constexpr StateFileName CLIENT_OF_BOX{"CLIENTVP6.txt", Limits::STATE_TEXT_MOST};
+// Upload time of the newest study the EMR bridge handled ("%.3f").
+constexpr StateFileName TIME_SINCE{"timeSince.txt", Limits::IDENTITY_MOST};
 // Seconds a companion tool may run (default Limits::COMPANION_TIMEOUT_S).
 constexpr StateFileName TOOL_TIMEOUT{"toolTimeout.txt", Limits::PORT_MOST};
+// ---- EMR outbound
+// The OSTI SFTP drop: host (default 127.0.0.1), account (empty: no drop),
+// port (default Limits::OSTI_DROP_PORT), and the host key pinned at first use.
+constexpr StateFileName OSTI_HOST{"ostiHost.txt", Limits::IDENTITY_MOST};
+constexpr StateFileName OSTI_ACCOUNT{"ostiAccount.txt", Limits::IDENTITY_MOST};
+constexpr StateFileName OSTI_PORT{"ostiPort.txt", Limits::PORT_MOST};
+constexpr StateFileName OSTI_KNOWN_HOSTS{"osti_known_hosts", Limits::STATE_TEXT_MOST};
 }  // namespace StateFile

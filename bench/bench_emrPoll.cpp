@@ -1,0 +1,93 @@
+// The EMR bridge's poll pass over a reply of many studies, per EMR kind:
+// the time to turn them all into message files (each also logged to the
+// bundled local service, as every written message is) and the resident
+// memory of the process doing it, beside the time of the same number of
+// bare log exchanges with the service (the floor the pass stands on).
+// Usage: bench_emrPoll [studies]   (default 10000)
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "emr/studyPoll.h"
+#include "localServiceProcess.h"
+#include "sendFile.h"
+#include "settings.h"
+#include "testUtil.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+std::string reply(int studies) {
+    std::string r = "{\"Studies\": [";
+    for (int i = 0; i < studies; ++i) {
+        std::string n = std::to_string(i);
+        r += (i ? ",\n" : "") + std::string("{\"uploaded_timestamp\": ") + std::to_string(1000 + i) +
+             ", \"id\": \"S" + n + "\", \"study_datetime\": \"2026-11-23T08:09:10Z\", \"patient_dob\": \"1980-01-02\","
+             " \"patient_id\": \"P" + n + "\", \"accession_number\": \"A" + n + "\", \"description\": \"US Pelvis\","
+             " \"links\": {\"permalink_pdf\": \"https://x/permalinks/abcdefgh1.2.826.0.1." + n + ".pdf\"},"
+             " \"patient\": {\"first_name\": \"JANE\", \"last_name\": \"DOE" + n + "\", \"patient_sex\": \"F\"},"
+             " \"referring_physician\": {\"composite\": \"DR. SMITH^JOHN^MD\"}}";
+    }
+    return r + "]}";
+}
+
+// Seconds and the largest resident memory (MiB) of a child that runs body.
+template <class F>
+std::pair<double, double> inChildMeasured(F body) {
+    auto start = Clock::now();
+    pid_t pid = fork();
+    if (pid == 0) _exit(body());
+    int status = 0;
+    rusage use{};
+    wait4(pid, &status, 0, &use);
+    return {std::chrono::duration<double>(Clock::now() - start).count(), use.ru_maxrss / 1024.0};
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    int studies = argc > 1 ? atoi(argv[1]) : 10000;
+    LocalService service;
+    TempDir data;
+    service.prepareAgentDataDir(data.path(), "box7", "Bench Clinic");
+    snprintf(dataDir, sizeof dataDir, "%s", data.path().c_str());
+    QUIET = true;
+    std::string text = reply(studies);
+    printf("EMR poll pass, %d studies (%.1f MB reply), each message logged to the local service\n", studies,
+           text.size() / 1048576.0);
+    auto floor = inChildMeasured([&] {
+        for (int i = 0; i < studies; ++i) {
+            int status = 1;
+            SendFile::sendLogMsg(dataDir, status, "bench", false, true);
+        }
+        return 0;
+    });
+    printf("  %-22s %8.2f s  %7.2f ms/study\n", "bare log exchanges", floor.first, floor.first * 1000 / studies);
+    const struct {
+        int kind;
+        const char* name;
+    } kinds[] = {{EMR_HL7FILE, "link files"}, {EMR_CENTRICITY, "Centricity"}, {EMR_ALLSCRIPTS, "Allscripts"},
+                 {EMR_ECLINICAL, "eClinical"}, {EMR_SEVOCITY, "Sevocity"},    {EMR_MEDENT, "Medent"},
+                 {EMR_OSTI, "OSTI (no drop account)"}, {EMR_MEDITOUCH, "Meditouch"}};
+    for (const auto& k : kinds) {
+        TempDir out, cache;
+        snprintf(HL7_dir, sizeof HL7_dir, "%s", out.path().c_str());
+        snprintf(HL7_cache, sizeof HL7_cache, "%s", cache.path().c_str());
+        EMR_INTF = k.kind;
+        unlink(data.file("timeSince.txt").c_str());
+        auto m = inChildMeasured([&] {
+            doHl7Output(k.kind, 0, text.c_str());
+            return 0;
+        });
+        printf("  %-22s %8.2f s  %7.2f ms/study  %6.1f MiB resident at most  (%zu files)\n", k.name, m.first,
+               m.first * 1000 / studies, m.second, entriesOf(out.path()).size());
+    }
+    printf("  goal: under 1 s and 32 MiB for 10 000 studies\n");
+    return 0;
+}
