@@ -5,11 +5,15 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utime.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
 #include "emr/hl7Input.h"
+#include "exportSender.h"
+#include "listenerClient.h"
 #include "localServiceHarness.h"
 #include "settings.h"
 #include "text.h"
@@ -136,6 +140,46 @@ TEST_F(Inbound, ReportBecomesShareAndReportWithItsInformation) {
                   " {\n\"sop_instance_uid\": \"" + sop + "\", \n\"share\": \"true\" \n }");
     }
     EXPECT_EQ(entriesOf(out).size(), 6u);
+}
+
+// From a real MLLP client through the agent's listener to the service: the
+// scheduling message as a worklist request, the report as an upload.
+TEST_F(Inbound, EndToEndFromTheListener) {
+    ListenerProcess listener{data.path(), {in, false, out}};
+    auto send = [&](const std::string& message) {
+        std::string file = data.file("msg.hl7");
+        std::string lines = message;
+        for (char& c : lines) c = c == '\r' ? '\n' : c;
+        spit(file, lines);
+        RunResult r = runProgram({"/usr/bin/mllp_send", "--loose", "-f", file, "-p", std::to_string(listener.port()), "127.0.0.1"});
+        EXPECT_NE(r.out.find("MSA|AA|"), std::string::npos) << r.out << r.err;
+    };
+    send(SIU);
+    doHl7Input(EMR_CENTRICITY);
+    EXPECT_EQ(svc.countStartingWith("API/box7/Clinic One/1|worklist_data|" + WORKLIST), 1u);
+    EXPECT_TRUE(entriesOf(in).empty());
+
+    spit(data.file("r1.pdf"), PDF);
+    spit(links + "/PAT1.txt", "1.2.3");
+    spit(links + "/PAT1-ACC9.txt", " {\n\"sop_instance_uid\": \"ADD_SOP_HERE\", \n\"share\": \"true\" \n }");
+    svc.setPushText("GetPreshare", PRESHARE);
+    send(report("1.9.8.7", data.file("r1.pdf")));
+    doHl7Input(EMR_HL7FILE);
+    ASSERT_EQ(slurp(out + "/1.9.8.7.pdf"), PDF);
+    for (const auto& name : entriesOf(out)) {
+        struct utimbuf old{time(nullptr) - 60, time(nullptr) - 60};
+        utime((out + "/" + name).c_str(), &old);
+    }
+    EMR_INTF = EMR_HL7FILE;  // link-file mode: a report goes with its information text
+    int64_t timer = 0;
+    vp_loop_proc(&timer);
+    EXPECT_FALSE(exists(out + "/1.9.8.7.pdf"));
+    // Uploaded under its information text, then shared.
+    auto c = svc.commands();
+    EXPECT_EQ(std::count_if(c.begin(), c.end(), [](const std::string& line) {
+                  return line.rfind("box7| {", 0) == 0 && line.find("\"sop_instance_uid\": \"1.9.8.7\"") != std::string::npos;
+              }), 1);
+    EXPECT_EQ(c.back(), "API/box7/Clinic One/1|sharing|{\"request_type\": \"sharing\", \"xnothingx\": true, \"uids\": [\"1.9.8.7\"]}");
 }
 
 TEST_F(Inbound, ReportPdfMustBeARealPdf) {
