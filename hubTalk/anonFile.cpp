@@ -18,6 +18,7 @@
 #include "keyValues.h"
 #include "memory.h"
 #include "sendFile.h"
+#include "serviceLog.h"
 #include "settings.h"
 #include "stateFiles.h"
 #include "text.h"
@@ -37,11 +38,6 @@ const char* const STRUCTURED_REPORT_PREFIX = "1.2.840.10008.5.1.4.1.1.88";
 const char* const ANON_TAGS[] = {"Manufacturer", "Modality", "SOPClassUID",
                                  "ManufacturerModelName", "NumberOfFrames", "0035,0010",
                                  nullptr};
-
-void logToService(const std::string& message) {
-    int status = 0;
-    SendFile::sendLogMsg(dataDir, status, message.c_str(), VERBOSE, QUIET);
-}
 
 const char* valueOr(const KeyValues<char>& table, const char* key, const char* fallback) {
     const char* v = table.get(key);

@@ -20,7 +20,7 @@
 #include "patientPictures.h"
 #include "processing.h"
 #include "reportPairing.h"
-#include "sendFile.h"
+#include "serviceLog.h"
 #include "settings.h"
 #include "sharingRequest.h"
 #include "text.h"
@@ -34,11 +34,6 @@ const char* const PROCESSED_MARK = ".dcm~";
 const char* const INFO_SUFFIX = ".info";
 const char* const SECONDARY_CAPTURE_CLASS = "1.2.840.10008.5.1.4.1.1.7";
 const char* const ENCAPSULATED_CLASS = "1.2.840.10008.5.1.4.1.1.104.";
-
-void tellService(const std::string& message) {
-    int status = 0;
-    SendFile::sendLogMsg(dataDir, status, message.c_str(), VERBOSE, QUIET);
-}
 
 bool has(const std::string& s, const char* part) { return s.find(part) != std::string::npos; }
 
@@ -66,7 +61,7 @@ void sendReport(const std::string& dir, const std::string& name, const std::stri
                      name.rfind(REPORT_PREFIX, 0) == 0 ? "Sundel Rep_ file not found: %.64s\n"
                          : "Sundel CONV_ file not found: %.64s\n",
                      name.c_str());
-            tellService(message);
+            logToService(message);
         }
         return;
     }
@@ -86,7 +81,7 @@ void checkStudy(const std::string& path, const std::string& name, const char* so
         char message[160];
         snprintf(message, sizeof message, "Sundel Secondary Capture (study not found): %.64s\n",
                  name.c_str());
-        tellService(message);
+        logToService(message);
     }
 }
 

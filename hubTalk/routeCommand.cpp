@@ -2,13 +2,13 @@
 
 #include <cctype>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "bounds.h"
 #include "files.h"
-#include "process.h"
 #include "selfUpdate.h"
-#include "sendFile.h"
+#include "serviceLog.h"
 #include "settings.h"
 #include "stateFiles.h"
 #include "text.h"
@@ -123,17 +123,9 @@ std::string accountFileName(const std::string& account) {
 }
 
 std::string accountUrlPart(const std::string& account) {
-    static const char hex[] = "0123456789ABCDEF";
-    std::string out;
-    for (unsigned char c : account) {
-        if (isalnum(c) || strchr("-._~", c)) {
-            out += static_cast<char>(c);
-        } else {
-            out += '%';
-            out += hex[c >> 4];
-            out += hex[c & 15];
-        }
-    }
+    char* encoded = encodeUrl(account.c_str(), false);
+    std::string out = encoded ? encoded : account;
+    ::free(encoded);
     return out;
 }
 
@@ -143,13 +135,11 @@ std::string ensureMeasurementDefinitions() {
     std::string path = std::string(dataDir) + delim + name;
     if (nonZeroFile(dataDir, name.c_str())) return path;
     std::string url = downloadUrl(dataDir, ("/varnesk_sundel/SR/" + accountUrlPart(account) + ".tsv").c_str());
-    std::string command = shellArg(std::string(PROCESS_DIR) + delim + "download") + " " + shellArg(url) +
-                          " " + shellArg(path);
-    if (runBounded(command.c_str(), Limits::DOWNLOAD_TIMEOUT_S) != 0) {
-        std::string message = "Sundel:  Downloading Measurement file FAILED:  " + command + "\n";
+    std::string tool = std::string(PROCESS_DIR) + delim + "download";
+    if (runDownload(tool, url, path) != 0) {
+        std::string message = "Sundel:  Downloading Measurement file FAILED:  " + downloadCommand(tool, url, path) + "\n";
         if (VERBOSE) printf("Sundel:  Command Failed (%s)\n", message.c_str());
-        int status = 1;
-        SendFile::sendLogMsg(dataDir, status, message.c_str(), VERBOSE, QUIET);
+        logToService(message);
     } else if (VERBOSE) {
         printf("Measurement file (%s) downloaded successfully\n", path.c_str());
     }

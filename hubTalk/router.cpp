@@ -21,6 +21,7 @@
 #include "process.h"
 #include "routeCommand.h"
 #include "sendFile.h"
+#include "serviceLog.h"
 #include "settings.h"
 #include "stateFiles.h"
 #include "text.h"
@@ -56,11 +57,6 @@ bool parseId(const std::string& text, long& id) {
         if (c < '0' || c > '9') return false;
     id = atol(t.c_str());
     return true;
-}
-
-void logToService(const std::string& message) {
-    int status = 1;
-    SendFile::sendLogMsg(dataDir, status, message.c_str(), VERBOSE, QUIET);
 }
 
 void report(long id, const std::string& message) {

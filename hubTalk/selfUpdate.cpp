@@ -33,15 +33,9 @@ std::string installationDir() {
 }
 
 
-// Exit status of "<tool> <url> <target>"; 0 means the target was written.
 int download(const char* dataDir, const std::string& installDir, const char* path,
              const std::string& target) {
-    std::string tool = installDir + "/download";
-    std::string url = downloadUrl(dataDir, path);
-    std::string command = shellArg(tool) + " " + shellArg(url) + " " + shellArg(target);
-    int status = runBounded(command.c_str(), Limits::DOWNLOAD_TIMEOUT_S);
-    if (status == RUN_TIMED_OUT) logLine("Self-update: download did not finish in time");
-    return status;
+    return runDownload(installDir + "/download", downloadUrl(dataDir, path), target);
 }
 
 // Puts the downloaded "<current>.NEW" in place, keeping the old file as
@@ -99,6 +93,16 @@ void updateProgram(const char* dataDir, const std::string& installDir, const std
 }
 
 }  // namespace
+
+std::string downloadCommand(const std::string& tool, const std::string& url, const std::string& target) {
+    return shellArg(tool) + " " + shellArg(url) + " " + shellArg(target);
+}
+
+int runDownload(const std::string& tool, const std::string& url, const std::string& target) {
+    int status = runBounded(downloadCommand(tool, url, target).c_str(), Limits::DOWNLOAD_TIMEOUT_S);
+    if (status == RUN_TIMED_OUT) logLine(("Download did not finish in time: " + url).c_str());
+    return status;
+}
 
 std::string downloadUrl(const char* dataDir, const char* path) {
     std::string base = readTrimmed(dataDir, StateFile::DOWNLOAD_BASE);

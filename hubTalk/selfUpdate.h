@@ -19,6 +19,12 @@ struct OfferedVersions {
 // HUBTALK_DOWNLOAD_BASE) without a final "/", followed by path.
 std::string downloadUrl(const char* dataDir, const char* path);
 
+// "<tool> <url> <target>", every part quoted for the shell.
+std::string downloadCommand(const std::string& tool, const std::string& url, const std::string& target);
+// Exit status of that command, bounded by Limits::DOWNLOAD_TIMEOUT_S; 0
+// means the target was written.
+int runDownload(const std::string& tool, const std::string& url, const std::string& target);
+
 // Counts the calls while UPDATE is on: true on every nineteenth (the first
 // eighteen of a process never are).
 bool selfUpdateDue();

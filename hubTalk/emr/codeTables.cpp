@@ -12,8 +12,9 @@
 
 #include "bounds.h"
 #include "files.h"
-#include "sendFile.h"
+#include "serviceLog.h"
 #include "settings.h"
+#include "text.h"
 
 namespace {
 
@@ -28,13 +29,6 @@ time_t testListTimeStamp = 0;
 std::string testListPath;
 
 bool isSpace(char c) { return isspace(static_cast<unsigned char>(c)) != 0; }
-
-std::string trim(const std::string& s) {
-    size_t b = 0, e = s.size();
-    while (b < e && isSpace(s[b])) ++b;
-    while (e > b && isSpace(s[e - 1])) --e;
-    return s.substr(b, e - b);
-}
 
 std::string lower(std::string s) {
     for (char& c : s) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
@@ -107,8 +101,7 @@ bool stale(time_t loaded, const std::string& loadedPath, const char* path) {
 void report(const char* format, const char* path) {
     char message[512];
     snprintf(message, sizeof message, format, path);
-    int status = 0;
-    SendFile::sendLogMsg(dataDir, status, message, VERBOSE, QUIET);
+    logToService(message);
 }
 
 // The name text and code of a stored value "name|code"; false unless it has
@@ -139,7 +132,7 @@ int loadCodes(const char* path, int fields, int codeColumn, int keyColumn, int f
         if (line.find('\t') != std::string::npos) tabs = true;
         char sep = tabs ? '\t' : separator;
         if (sep == ',') neutraliseQuotes(line);
-        std::vector<std::string> cols = splitAt(trim(line), sep);
+        std::vector<std::string> cols = splitAt(trimmed(line), sep);
         if (first && cols.size() != static_cast<size_t>(fields)) {
             fclose(f);
             return -2;
@@ -148,10 +141,10 @@ int loadCodes(const char* path, int fields, int codeColumn, int keyColumn, int f
         if (cols.empty()) break;
         if (cols.size() != static_cast<size_t>(fields)) continue;
 
-        std::string key = lower(trim(column(cols, keyColumn)));
+        std::string key = lower(trimmed(column(cols, keyColumn)));
         std::string name;
         if (nameColumn >= 0) {
-            name = lower(trim(column(cols, nameColumn)));
+            name = lower(trimmed(column(cols, nameColumn)));
         } else if (firstNameColumn >= 0) {
             char joined[128];
             if (secondNameColumn >= 0)
@@ -159,11 +152,11 @@ int loadCodes(const char* path, int fields, int codeColumn, int keyColumn, int f
                          column(cols, secondNameColumn).c_str());
             else
                 snprintf(joined, sizeof joined, "%.60s", column(cols, firstNameColumn).c_str());
-            name = trim(lower(joined));
+            name = trimmed(lower(joined));
         } else {
             name = key;
         }
-        std::string value = name + "|" + trim(column(cols, codeColumn));
+        std::string value = name + "|" + trimmed(column(cols, codeColumn));
         if (table.count(key)) {
             int& n = nextNumber[key];
             if (n == 0) n = 1;
@@ -193,7 +186,7 @@ int loadTests(const char* path) {
         std::string text;
         for (char c : line)
             if (c != '"') text += c;
-        text = trim(text);
+        text = trimmed(text);
         size_t caret = text.find('^');
         if (first && caret == std::string::npos) {
             fclose(f);
@@ -202,7 +195,7 @@ int loadTests(const char* path) {
         first = false;
         if (text.empty()) break;
         if (caret == std::string::npos) continue;
-        table[withoutBlanks(trim(lower(text.substr(caret + 1))))] = trim(text.substr(0, caret));
+        table[withoutBlanks(trimmed(lower(text.substr(caret + 1))))] = trimmed(text.substr(0, caret));
     }
     fclose(f);
     testList.swap(table);
@@ -213,7 +206,7 @@ int loadTests(const char* path) {
 
 std::string getTestCode(const char* description) {
     if (!description || !*description) return "";
-    std::string key = withoutBlanks(trim(lower(description)));
+    std::string key = withoutBlanks(trimmed(lower(description)));
     for (const auto& escape : {std::make_pair("\\u003c", "<"), std::make_pair("\\u003e", ">")})
         for (size_t at; (at = key.find(escape.first)) != std::string::npos;)
             key.replace(at, strlen(escape.first), escape.second);
@@ -224,10 +217,10 @@ std::string getTestCode(const char* description) {
 std::string getShortCode(const char* first, const char* middle, const char* last,
                          std::string* matchedName) {
     if (!codeListLoaded) return "";
-    std::string lastName = lower(trim(last ? last : ""));
-    std::string firstName = lower(trim(first ? first : ""));
-    std::string middleName = lower(trim(middle ? middle : ""));
-    std::string firstMiddle = lower(trim(firstName + " " + middleName));
+    std::string lastName = lower(trimmed(last ? last : ""));
+    std::string firstName = lower(trimmed(first ? first : ""));
+    std::string middleName = lower(trimmed(middle ? middle : ""));
+    std::string firstMiddle = lower(trimmed(firstName + " " + middleName));
 
     std::string key = lastName;
     if (!codeList.count(key)) {

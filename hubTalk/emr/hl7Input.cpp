@@ -18,6 +18,7 @@
 #include "hl7Writers.h"
 #include "memory.h"
 #include "sendFile.h"
+#include "serviceLog.h"
 #include "settings.h"
 #include "stateFiles.h"
 #include "text.h"
@@ -61,11 +62,6 @@ std::string format(const char* fmt, const char* a, const char* b, int n, const s
     std::vector<char> buf(strlen(fmt) + strlen(a) + strlen(b) + 2048 + 64);
     snprintf(buf.data(), buf.size(), fmt, a, b, n, text.c_str());
     return buf.data();
-}
-
-void logToService(const std::string& message) {
-    int status = 0;
-    SendFile::sendLogMsg(dataDir, status, message.c_str(), VERBOSE, QUIET);
 }
 
 std::string sanitized(const std::string& text) {

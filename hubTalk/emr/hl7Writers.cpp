@@ -15,8 +15,9 @@
 #include "files.h"
 #include "linkFiles.h"
 #include "ostiDrop.h"
-#include "sendFile.h"
+#include "serviceLog.h"
 #include "settings.h"
+#include "text.h"
 #include "stateFiles.h"
 #include "util.h"
 
@@ -69,11 +70,6 @@ std::string format(const char* pattern, std::initializer_list<std::string> value
         }
     }
     return out;
-}
-
-void logToService(const std::string& text) {
-    int status = 0;
-    SendFile::sendLogMsg(dataDir, status, text.c_str(), VERBOSE, QUIET);
 }
 
 // The referring provider's short code; the lookup is tried again with first
@@ -198,15 +194,10 @@ Message allscripts(const StudyRecord& s) {
                        {hl7Value(s.physicianLast), hl7Value(s.physicianFirst), hl7Value(s.physicianMiddle)})};
 }
 
-bool endsWith(const std::string& s, const char* tail) {
-    size_t n = strlen(tail);
-    return s.size() >= n && s.compare(s.size() - n, n, tail) == 0;
-}
-
 bool writtenByBridge(const std::string& name) {
     if (name.empty() || name[0] == '.') return false;
     for (const char* tail : {".ht", ".hl7", ".info", ".txt", ".pdf"})
-        if (endsWith(name, tail)) return true;
+        if (endsWith(name.c_str(), tail)) return true;
     return name.find_first_not_of("0123456789.") == std::string::npos;
 }
 

@@ -18,7 +18,7 @@
 #include "bounds.h"
 #include "files.h"
 #include "process.h"
-#include "sendFile.h"
+#include "serviceLog.h"
 #include "settings.h"
 #include "stateFiles.h"
 
@@ -30,11 +30,6 @@ const char* const DROP_PASSWORD = "Wm47Brax$";
 // Room for the whole batch in the pipe before the client starts: the
 // agent never writes to a client that may already have gone.
 const size_t BATCH_MOST = 4096;
-
-void logToService(const std::string& text) {
-    int status = 0;
-    SendFile::sendLogMsg(dataDir, status, text.c_str(), VERBOSE, QUIET);
-}
 
 // Host and account go to ssh as one argument: nothing in them may read as
 // an option or as another user or port.

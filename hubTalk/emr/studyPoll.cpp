@@ -106,9 +106,8 @@ void note(const char* format, ...) {
 }
 
 // The record of one study; false (with the verbose reason) when it is skipped.
-bool recordOf(JsnParser& p, int element, bool stringIds, StudyRecord& s) {
-    Fields f(p, element);
-    s.uploaded = atof(f.text("uploaded_timestamp").c_str());
+// s.uploaded is already set.
+bool recordOf(JsnParser& p, const Fields& f, bool stringIds, StudyRecord& s) {
     std::string when = f.text("study_datetime");
     s.dateTime = joined(when, 17, {0, 5, 8, 11, 14, 17}, "");
     s.dateTimeDashed = joined(when, 17, {0, 5, 8, 11, 14, 17}, "-");
@@ -219,8 +218,9 @@ bool forEachNewStudy(double since, const char* reply, const std::function<void(c
         bool wasFirst = first;
         first = false;
         if (t.type != JSN_OBJECT) continue;
+        Fields fields(p, e);
         StudyRecord study;
-        study.uploaded = atof(Fields(p, e).text("uploaded_timestamp").c_str());
+        study.uploaded = atof(fields.text("uploaded_timestamp").c_str());
         if (wasFirst && study.uploaded == 0) {
             note("uploaded_timestamp == NULL\n");
             continue;
@@ -229,7 +229,7 @@ bool forEachNewStudy(double since, const char* reply, const std::function<void(c
             note("%f (timestamp) < %f (TimeSince)\n", study.uploaded, since);
             continue;
         }
-        if (!recordOf(p, e, strcmp(name, "Studies") == 0, study)) continue;
+        if (!recordOf(p, fields, strcmp(name, "Studies") == 0, study)) continue;
         handle(study);
         if (study.uploaded > newest) {
             char stamp[64];
