@@ -181,4 +181,20 @@ constexpr size_t HL7_INPUT_MOST = 16 * 1048576;
 // A report PDF copied into the export directory, at most.
 constexpr long long REPORT_PDF_MOST = 256LL * 1048576;
 
+// ---- operations
+// Days of delivery ledger kept ("ledgerDays.txt" overrides).
+constexpr int LEDGER_KEEP_DAYS = 90;
+// One ledger line at most; longer fields are cut.
+constexpr size_t LEDGER_LINE_MOST = 4096;
+// "stdout.bc.txt" and "stderr.bc.txt" are rotated beyond this size
+// ("logRotateBytes.txt" overrides), keeping this many older generations
+// ("logKeep.txt" overrides).
+constexpr long long LOG_ROTATE_BYTES = 10LL * 1048576;
+constexpr int LOG_KEEP = 5;
+// The status check: the export backlog's oldest file may be this old, and
+// this many heartbeats in a row may go unanswered, before it asks for
+// attention.
+constexpr long STATUS_BACKLOG_AGE_S = 3600;
+constexpr int STATUS_UNANSWERED_HEARTBEATS = 3;
+
 }  // namespace Limits

@@ -71,4 +71,15 @@ constexpr StateFileName OSTI_HOST{"ostiHost.txt", Limits::IDENTITY_MOST};
 constexpr StateFileName OSTI_ACCOUNT{"ostiAccount.txt", Limits::IDENTITY_MOST};
 constexpr StateFileName OSTI_PORT{"ostiPort.txt", Limits::PORT_MOST};
 constexpr StateFileName OSTI_KNOWN_HOSTS{"osti_known_hosts", Limits::STATE_TEXT_MOST};
+// ---- operations
+constexpr StateFileName STDOUT_LOG{"stdout.bc.txt", Limits::STATE_TEXT_MOST};
+// The last heartbeat: "<epoch seconds> <1 answered | 0 not> <unanswered in a row>".
+constexpr StateFileName LAST_HEARTBEAT{"lastHeartbeat.txt", Limits::IDENTITY_MOST};
+// The last self-update: "<epoch seconds> <what was updated> <result>".
+constexpr StateFileName LAST_UPDATE{"lastUpdate.txt", Limits::IDENTITY_MOST};
+// Days of delivery ledger kept (default Limits::LEDGER_KEEP_DAYS).
+constexpr StateFileName LEDGER_DAYS{"ledgerDays.txt", Limits::PORT_MOST};
+// Log rotation size in bytes and generations kept (defaults Limits::LOG_ROTATE_BYTES, Limits::LOG_KEEP).
+constexpr StateFileName LOG_ROTATE_BYTES{"logRotateBytes.txt", Limits::PORT_MOST};
+constexpr StateFileName LOG_KEEP{"logKeep.txt", Limits::PORT_MOST};
 }  // namespace StateFile
