@@ -9,6 +9,8 @@ constexpr size_t EMR_STACK = 65536;
 constexpr size_t EXPORT_SENDER_STACK = 131072;
 constexpr size_t ROUTER_STACK = 131072;
 constexpr size_t PROCESSING_STACK = 262144;
+// Sends service-log lines (a TLS exchange each).
+constexpr size_t SERVICE_LOG_STACK = 131072;
 
 // Starts entry(arg) detached with the given stack (four times as much in
 // sanitizer builds, whose frames are larger). False when it did not start.

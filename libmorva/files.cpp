@@ -97,10 +97,13 @@ int syncAndClose(int fd) {
     return rc;
 }
 
-// Writes all bytes, then syncAndClose.
-int fillAndClose(int fd, const char* bytes, size_t length) {
+// Writes all bytes, then syncAndClose (or only closes).
+int fillAndClose(int fd, const char* bytes, size_t length, bool sync = true) {
     errno = 0;
-    if (writeFully(fd, bytes, length) == static_cast<ssize_t>(length)) return syncAndClose(fd);
+    if (writeFully(fd, bytes, length) == static_cast<ssize_t>(length)) {
+        if (sync) return syncAndClose(fd);
+        return close(fd) == 0 ? 0 : failure();
+    }
     int rc = failure();
     close(fd);
     return rc;
@@ -151,14 +154,16 @@ bool copyBytes(int from, int to, off_t size) {
     return ok;
 }
 
-bool atomicWrite(const char* dir, const char* name, const void* bytes, size_t length, bool syncDirectory) {
+bool atomicWrite(const char* dir, const char* name, const void* bytes, size_t length, bool syncDirectory,
+                 bool syncContent = true) {
     Path path(dir, name);
     std::string temp;
     int fd = path.p ? createTemporary(path, false, temp) : -1;
     if (fd < 0) return false;
     if (!bytes) length = 0;
     // A failed rename leaves the file alone: the old content is still good.
-    if (fillAndClose(fd, static_cast<const char*>(bytes), length) != 0 || rename(temp.c_str(), path) != 0) {
+    if (fillAndClose(fd, static_cast<const char*>(bytes), length, syncContent) != 0 ||
+        rename(temp.c_str(), path) != 0) {
         unlink(temp.c_str());
         return false;
     }
@@ -227,6 +232,19 @@ char* readTrimmed(const char* dir, const StateFileName& file) { return readTrimm
 bool writeTxt(const char* dir, const char* name, const char* text) {
     if (!text) text = "";
     return atomicWrite(dir, name, text, strlen(text), false);
+}
+
+bool writeTxtUnsynced(const char* dir, const char* name, const char* text) {
+    if (!text) text = "";
+    return atomicWrite(dir, name, text, strlen(text), false, false);
+}
+
+bool syncFileSystemOf(const char* dir) {
+    int fd = open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return false;
+    bool ok = syncfs(fd) == 0;
+    close(fd);
+    return ok;
 }
 
 bool writeData(const char* dir, const char* name, const void* bytes, size_t length) {

@@ -34,6 +34,13 @@ char* readTrimmed(const char* dir, const StateFileName& file);
 // replaced; otherwise the old file stays as it was and no temporary is left.
 bool writeTxt(const char* dir, const char* name, const char* text);
 bool writeData(const char* dir, const char* name, const void* bytes, size_t length);
+// writeTxt without bringing the content to disk: for many files written in
+// one pass whose caller makes them durable together (syncFileSystemOf)
+// before it records them as done.
+bool writeTxtUnsynced(const char* dir, const char* name, const char* text);
+// Brings everything written on the file system holding dir to disk; false
+// when dir cannot be opened or the sync failed.
+bool syncFileSystemOf(const char* dir);
 // writeData, and the directory entry is on disk too before it returns true.
 bool writeDataSynced(const char* dir, const char* name, const void* bytes, size_t length);
 // Stores the bytes as a new file that never replaces an existing one. It

@@ -63,6 +63,12 @@ TEST_F(Poll, StudiesPassedOverAndTimeSinceOnlyMovesForward) {
     for (const auto& s : run(100, reply)) ids.push_back(s.studyId);
     EXPECT_EQ(ids, (std::vector<std::string>{"b", "a"}));  // out of order, both handled
     EXPECT_EQ(slurp(data.file("timeSince.txt")), "500.000");
+    // Files not brought to disk: the studies come again next pass.
+    int handled = 0;
+    forEachNewStudy(500, ("{\"Studies\": [" + study("900", "\"c\"") + "]}").c_str(), [&](const StudyRecord&) { ++handled; },
+                    [] { return false; });
+    EXPECT_EQ(handled, 1);
+    EXPECT_EQ(slurp(data.file("timeSince.txt")), "500.000");
     EXPECT_FALSE(forEachNewStudy(0, "{\"Studies\": [", [](const StudyRecord&) {}));
     EXPECT_TRUE(run(0, "{\"Studies\": 5, \"studies\": {}}").empty());
 

@@ -242,14 +242,14 @@ std::string safeFileName(const std::string& value) {
 void generateAttachments(const std::string& studyUid, const std::string& message) {
     if (!EMR_PDF) return;
     std::string uid = safeFileName(studyUid);
-    writeTxt(HL7_cache, (uid + ".pdf.txt").c_str(), message.c_str());
+    writeTxtUnsynced(HL7_cache, (uid + ".pdf.txt").c_str(), message.c_str());
     std::string pdf = uid + ".pdf";
     if (!nonZeroFile(HL7_cache, pdf.c_str())) return;
     std::string process = PROCESS_DIR;
     std::string command = shellArg(process + "/reportcast") + " -v --sundel --data-dir " + shellArg(dataDir) +
                           " --process-dir " + shellArg(process) + " --cache-dir " + shellArg(HL7_cache) + " " +
                           shellArg(std::string(HL7_cache) + "/" + pdf) + " " + shellArg(HL7_dir);
-    if (runCompanion(dataDir, command) != 0) logToService("EMR Sundel: reportcast FAILED");
+    if (runCompanion(dataDir, command) != 0) logToServiceLater("EMR Sundel: reportcast FAILED");
 }
 
 int gcDir(const char* dir) {
@@ -290,11 +290,11 @@ void writeStudy(int kind, const StudyRecord& study) {
         case EMR_MEDITOUCH: m = meditouch(study); break;
         default: return;
     }
-    bool written = writeTxt(HL7_dir, m.fileName.c_str(), m.text.c_str());
+    bool written = writeTxtUnsynced(HL7_dir, m.fileName.c_str(), m.text.c_str());
     if (VERBOSE)
         printf("Writing '%s' to %s / %s;  success=%d\n", m.text.c_str(), HL7_dir, m.fileName.c_str(), written ? 1 : 0);
     generateAttachments(study.studyUid, m.text);
-    logToService(std::string(m.logName) + " Sundel:  HL7 Message written to " + HL7_dir + " / " + m.fileName +
+    logToServiceLater(std::string(m.logName) + " Sundel:  HL7 Message written to " + HL7_dir + " / " + m.fileName +
                  " : " + m.text);
     if (kind == EMR_OSTI) ostiDrop(m.fileName, safeFileName(study.studyUid));
 }

@@ -9,7 +9,8 @@
 // Writes what the EMR of that kind picks up for one study, into HL7_dir.
 // Message files are named by the control ID (".ht" for Centricity, ".hl7"
 // for the others; Meditouch by the study ID), so a repeated study gives a
-// new file. Unknown kinds write nothing.
+// new file. Unknown kinds write nothing. Files are not brought to disk one
+// by one: the pass does that once for all of them (doHl7Output).
 void writeStudy(int kind, const StudyRecord& study);
 
 // A data value made safe for one HL7 field: the separators the encoding

@@ -48,17 +48,17 @@ void writeLinkFiles(const StudyRecord& s) {
     std::string uid = s.studyUid;
     std::string listName = patient + ".txt";
     if (!nonZeroFile(HL7_dir, listName.c_str())) {
-        writeTxt(HL7_dir, listName.c_str(), uid.c_str());
+        writeTxtUnsynced(HL7_dir, listName.c_str(), uid.c_str());
     } else {
         std::string list = trimmed(readText(HL7_dir, listName.c_str()));
-        if (!listsUid(list, uid)) writeTxt(HL7_dir, listName.c_str(), (list + "|" + uid).c_str());
+        if (!listsUid(list, uid)) writeTxtUnsynced(HL7_dir, listName.c_str(), (list + "|" + uid).c_str());
     }
-    writeTxt(HL7_dir, safeFileName(uid).c_str(), s.reportLink.c_str());
+    writeTxtUnsynced(HL7_dir, safeFileName(uid).c_str(), s.reportLink.c_str());
     if (!*HL7_inputDir) {
-        writeTxt(HL7_dir, (patient + ".info").c_str(), studyInfoDocument(s, false).c_str());
+        writeTxtUnsynced(HL7_dir, (patient + ".info").c_str(), studyInfoDocument(s, false).c_str());
         return;
     }
     std::string base = safeFileName(s.patientId + "-" + (s.accession.empty() ? "DEF" : s.accession));
-    writeTxt(HL7_dir, (base + ".txt").c_str(), studyInfoDocument(s, true).c_str());
-    writeTxt(HL7_dir, (base + "-1.txt").c_str(), uid.c_str());
+    writeTxtUnsynced(HL7_dir, (base + ".txt").c_str(), studyInfoDocument(s, true).c_str());
+    writeTxtUnsynced(HL7_dir, (base + "-1.txt").c_str(), uid.c_str());
 }

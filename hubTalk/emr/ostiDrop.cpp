@@ -191,13 +191,13 @@ bool sftpPut(const std::vector<std::string>& files, std::string* details) {
 
 void ostiDrop(const std::string& messageFile, const std::string& studyUid) {
     if (readTrimmed(dataDir, StateFile::OSTI_ACCOUNT)[0] == 0) {
-        logToService("OSTI Sundel:  no SFTP account set (" + std::string(StateFile::OSTI_ACCOUNT.name) +
+        logToServiceLater("OSTI Sundel:  no SFTP account set (" + std::string(StateFile::OSTI_ACCOUNT.name) +
                      "); files left in " + HL7_dir);
         return;
     }
     std::string details;
     if (!sftpPut({messageFile}, &details))
-        logToService("OSTI Sundel:  sftp command failed when attempting to send HL7 message: " + details);
+        logToServiceLater("OSTI Sundel:  sftp command failed when attempting to send HL7 message: " + details);
 
     std::vector<std::string> attachments;
     std::string prefix = studyUid + ".";
@@ -212,5 +212,5 @@ void ostiDrop(const std::string& messageFile, const std::string& studyUid) {
         closedir(d);
     }
     if (!attachments.empty() && !sftpPut(attachments, &details))
-        logToService("OSTI Sundel:  sftp command failed for attachments: " + details);
+        logToServiceLater("OSTI Sundel:  sftp command failed for attachments: " + details);
 }

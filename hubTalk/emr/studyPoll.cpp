@@ -18,6 +18,7 @@
 #include "memory.h"
 #include "random.h"
 #include "sendFile.h"
+#include "serviceLog.h"
 #include "settings.h"
 #include "stateFiles.h"
 #include "text.h"
@@ -193,7 +194,8 @@ void parsePhysicianComposite(const std::string& composite, StudyRecord& s) {
     if (s.physicianFirst.empty()) std::swap(s.physicianFirst, s.physicianMiddle);
 }
 
-bool forEachNewStudy(double since, const char* reply, const std::function<void(const StudyRecord&)>& handle) {
+bool forEachNewStudy(double since, const char* reply, const std::function<void(const StudyRecord&)>& handle,
+                     const std::function<bool()>& settle) {
     std::string text = reply ? reply : "";
     JsnParser p(&text[0], static_cast<int>(text.size()));
     if (p.failed || p.tokenCount() == 0) {
@@ -231,18 +233,24 @@ bool forEachNewStudy(double since, const char* reply, const std::function<void(c
         }
         if (!recordOf(p, fields, strcmp(name, "Studies") == 0, study)) continue;
         handle(study);
-        if (study.uploaded > newest) {
-            char stamp[64];
-            snprintf(stamp, sizeof stamp, "%.3f", study.uploaded);
-            writeTxt(dataDir, StateFile::TIME_SINCE, stamp);
-            newest = study.uploaded;
-        }
+        if (study.uploaded > newest) newest = study.uploaded;
+    }
+    if (newest > since && (!settle || settle())) {
+        char stamp[64];
+        snprintf(stamp, sizeof stamp, "%.3f", newest);
+        writeTxt(dataDir, StateFile::TIME_SINCE, stamp);
     }
     return true;
 }
 
 void doHl7Output(int kind, double since, const char* reply) {
-    if (!forEachNewStudy(since, reply, [kind](const StudyRecord& s) { writeStudy(kind, s); })) return;
+    auto write = [kind](const StudyRecord& s) { writeStudy(kind, s); };
+    auto settle = [] {
+        bool ok = syncFileSystemOf(HL7_dir) && (!HL7_cache[0] || syncFileSystemOf(HL7_cache));
+        if (!ok) logToServiceLater(std::string("EMR Sundel:  files of this pass not brought to disk; written again next pass"));
+        return ok;
+    };
+    if (!forEachNewStudy(since, reply, write, settle)) return;
     gcDir(kind == EMR_HL7FILE ? HL7_dir : HL7_cache);
 }
 
@@ -262,6 +270,8 @@ int emr_loop_proc() {
         const char* reply = SendFile::getStudiesSince(dataDir, sinceText.c_str(), VERBOSE, QUIET, &arena);
         if (reply && *reply) doHl7Output(kind, since, reply);
     }
+    // The pass's log lines go out before the next pass adds more.
+    flushServiceLog(Limits::SERVICE_LOG_DRAIN_S);
     if (HL7_inputDir[0]) doHl7Input(kind);
     return 0;
 }

@@ -16,12 +16,16 @@ int emr_loop_proc();
 
 // The study loop over a poll reply followed by the pruning: every study
 // uploaded after `since` that has a report link with "/permalinks/" and a
-// patient last name goes to writeStudy(kind, ...).
+// patient last name goes to writeStudy(kind, ...). The pass's files are
+// brought to disk together before "timeSince.txt" moves past them; a pass
+// cut short writes its studies again next time rather than losing them.
 void doHl7Output(int kind, double since, const char* reply);
 
-// The loop alone: each new study's record to `handle`, "timeSince.txt"
-// advanced after each. False when the reply does not parse.
-bool forEachNewStudy(double since, const char* reply, const std::function<void(const StudyRecord&)>& handle);
+// The loop alone: each new study's record to `handle`; then, when `settle`
+// (if given) says the handled studies are safe, "timeSince.txt" advanced
+// once to the newest of them. False when the reply does not parse.
+bool forEachNewStudy(double since, const char* reply, const std::function<void(const StudyRecord&)>& handle,
+                     const std::function<bool()>& settle = nullptr);
 
 // The referring physician's parts from a composite such as "DR. SMITH^JOHN^MD".
 void parsePhysicianComposite(const std::string& composite, StudyRecord& study);
