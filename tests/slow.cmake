@@ -3,4 +3,4 @@
 set(SLOW_TESTS test_cloudTimeout test_listenerTimeout test_exportSender)
 # Test programs whose code runs on one thread only; every other program is
 # labelled "threaded" and runs under ThreadSanitizer.
-set(SINGLE_THREADED_TESTS test_secret test_text test_locks test_companions)
+set(SINGLE_THREADED_TESTS test_secret test_text test_locks test_companions test_packaging)
