@@ -9,10 +9,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 
 #include "exception.h"
 #include "files.h"
+#include "logRotation.h"
 #include "options.h"
 #include "pinnedCa.h"
 #include "random.h"
@@ -165,15 +165,8 @@ void prepareStart(const StartOptions& options) {
         if (!makeDir(qDir)) failStart("Cannot create anon Q Dir%s\n", qDir);
     }
 
-    if (QUIET) {
-        std::string dir = dataDir;
-        if (!freopen((dir + "/stderr.bc.txt").c_str(), "w", stderr)) {
-            // Standard error stays where it was; nothing better to report to.
-        }
-        if (!freopen((dir + "/stdout.bc.txt").c_str(), "w", stdout)) {
-            // As above.
-        }
-    }
+    // A stream that cannot be redirected stays where it was; nothing better to report to.
+    if (QUIET) redirectLogs(dataDir);
 
     char name[128] = {0};
     if (options.nameFile[0]) {

@@ -18,7 +18,9 @@
 #include "exception.h"
 #include "bounds.h"
 #include "files.h"
+#include "logRotation.h"
 #include "process.h"
+#include "settings.h"
 #include "stateFiles.h"
 
 namespace {
@@ -138,6 +140,9 @@ void daemonInit(const char* dir, bool daemonize) {
         double started = monotonicSeconds();
         int status = waitWorker(pid);
         supervisedChild = 0;
+        // The worker may have rotated away the log files this process holds
+        // since its start; it has ended, so they stay put while we switch.
+        if (QUIET) redirectLogs(dir);
         if (stopRequested) exit(0);
         if (WIFEXITED(status) && WEXITSTATUS(status) == 0 && nonZeroFile(dir, StateFile::SHUTDOWN)) {
             rmFile(dir, StateFile::SHUTDOWN);
