@@ -8,6 +8,7 @@
 #include "roles.h"
 #include "settings.h"
 #include "startup.h"
+#include "status.h"
 #include "supervisor.h"
 
 int main(int argc, char** argv) {
@@ -20,6 +21,11 @@ int main(int argc, char** argv) {
         }
         StartOptions options;
         parseOptions(argc, argv, options);
+        // Before anything that writes, connects or starts a thread.
+        if (options.status) {
+            if (!dataDir[0] || dataDir[0] == '-') failStart("No Data Dir\n%s", USAGE);
+            return printStatus(dataDir, options.json, stdout);
+        }
         prepareStart(options);
         if (registrationPending(dataDir)) registerBox(dataDir);
         startRoleThreads();

@@ -16,6 +16,7 @@
 #include "sendFile.h"
 #include "settings.h"
 #include "startup.h"
+#include "status.h"
 #include "text.h"
 #include "stateFiles.h"
 
@@ -78,6 +79,7 @@ void loopCycle(const char* dir, unsigned (*pause)(unsigned)) {
 
     int status = 0;
     const char* reply = SendFile::sendHeartbeatCommand(dir, status, query, VERBOSE, QUIET);
+    recordHeartbeat(dir, reply && *reply);
     if (reply && *reply) {
         std::string copy(reply);  // the ring may wrap while the reply is processed
         processResults(dir, copy.c_str());

@@ -11,6 +11,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "files.h"
 #include "settings.h"
@@ -119,6 +121,8 @@ static int portOption(const char* arg) {
 }
 
 static const int HELP_OPTION = 1000;
+static const int STATUS_OPTION = 1001;
+static const int JSON_OPTION = 1002;
 
 [[noreturn]] static void printUsage() {
     fputs(USAGE, stdout);
@@ -148,8 +152,14 @@ void parseOptions(int argc, char** argv, StartOptions& options) {
         {"lpu", required_argument, nullptr, 'N'},
         {"embed", required_argument, nullptr, 'e'},
         {"loop-sleep", required_argument, nullptr, 's'},
+        {"status", no_argument, nullptr, STATUS_OPTION},
+        {"json", no_argument, nullptr, JSON_OPTION},
         {nullptr, 0, nullptr, 0},
     };
+    // The writes -d and -R ask for wait until the line is known: --status
+    // may come after them and writes nothing. Each: a directory, and the
+    // server list for it (none: only the certificate).
+    std::vector<std::pair<std::string, const char*>> writes;
     opterr = 0;  // unknown options are ignored quietly
     optind = 1;
     int c;
@@ -159,6 +169,8 @@ void parseOptions(int argc, char** argv, StartOptions& options) {
                             nullptr)) != -1) {
         switch (c) {
             case HELP_OPTION: printUsage();
+            case STATUS_OPTION: options.status = true; break;
+            case JSON_OPTION: options.json = true; break;
             case '?':
                 if (optopt == '?') printUsage();
                 break;  // unknown, or missing its argument: ignored
@@ -173,7 +185,7 @@ void parseOptions(int argc, char** argv, StartOptions& options) {
             case 'f': copyPath(options.nameFile, sizeof options.nameFile, optarg, 'f'); break;
             case 'd':
                 copyPath(dataDir, sizeof dataDir, optarg, 'd');
-                updateCert(dataDir);
+                writes.emplace_back(dataDir, nullptr);
                 break;
             case 'V': copyPath(viewpointDir, sizeof viewpointDir, optarg, 'V'); break;
             case 'H': splitAtBar(optarg, HL7_dir, HL7_inputDir, false, 'H'); break;
@@ -182,10 +194,7 @@ void parseOptions(int argc, char** argv, StartOptions& options) {
             case 'R':
                 // Written at once: without a data directory it would land in "/".
                 if (!dataDir[0]) failStart("-R needs the data directory first: give -d before -R\n");
-                // A first start names its servers before the data dir exists.
-                if (!fileExists(dataDir, "")) makeDataDir(dataDir, false);
-                writeTxt(dataDir, StateFile::RECEIVER, optarg);
-                writeTxt(dataDir, StateFile::SERVERS, optarg);
+                writes.emplace_back(dataDir, optarg);
                 break;
             case 'p': PORT = portOption(optarg); break;
             case 'C': {
@@ -203,5 +212,16 @@ void parseOptions(int argc, char** argv, StartOptions& options) {
             case 's': sleepTime = std::max(atoi(optarg), 3); break;
             default: break;  // -t and -D are accepted and unused
         }
+    }
+    if (options.status) return;
+    for (const auto& [dir, servers] : writes) {
+        if (!servers) {
+            updateCert(dir.c_str());
+            continue;
+        }
+        // A first start names its servers before the data dir exists.
+        if (!fileExists(dir.c_str(), "")) makeDataDir(dir.c_str(), false);
+        writeTxt(dir.c_str(), StateFile::RECEIVER, servers);
+        writeTxt(dir.c_str(), StateFile::SERVERS, servers);
     }
 }

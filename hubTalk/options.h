@@ -6,11 +6,17 @@ extern const char* const USAGE;
 struct StartOptions {
     bool daemonize = false;
     char nameFile[128] = {0};
+    // --status: print the box's status and end; --json: as one JSON object.
+    bool status = false;
+    bool json = false;
 };
 
-// Parses argv with the long options; acts at once on -d (certificate) and -R
-// (server list files). Exits with status 1 for -?, for a path that does not
-// fit its setting, for -R before -d and for a port outside 1..65535.
+// Parses argv with the long options. Once the whole line is parsed it writes
+// the certificate for -d and the server list files for -R, in their order
+// on the line; with --status it writes nothing (-R is then ignored, so that
+// the agent's own command line can be reused as it stands). Exits with
+// status 1 for -?, for a path that does not fit its setting, for -R before
+// -d and for a port outside 1..65535.
 void parseOptions(int argc, char** argv, StartOptions& options);
 
 // -N: processing mode, optionally "-<workers>"; onlineCpus is the machine's count.

@@ -5,7 +5,10 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <cctype>
 #include <cstring>
+#include <ctime>
+#include <string>
 
 #include "buildConfig.h"
 #include "exception.h"
@@ -33,6 +36,16 @@ std::string installationDir() {
 }
 
 
+// "<epoch> <what>@<offered version> <result>" in "lastUpdate.txt", once per
+// update tried; the version comes from the service and is kept to one word.
+void recordUpdate(const char* dataDir, const char* what, const std::string& offered, const char* result) {
+    std::string version = offered.substr(0, 64);
+    for (char& c : version)
+        if (!isgraph(static_cast<unsigned char>(c))) c = '_';
+    std::string line = std::to_string(static_cast<long long>(time(nullptr))) + " " + what + "@" + version + " " + result;
+    writeTxt(dataDir, StateFile::LAST_UPDATE, line.c_str());
+}
+
 int download(const char* dataDir, const std::string& installDir, const char* path,
              const std::string& target) {
     return runDownload(installDir + "/download", downloadUrl(dataDir, path), target);
@@ -58,13 +71,17 @@ bool updateDictionary(const char* dataDir, const std::string& installDir, const 
     std::string installed = versionOrZero(readTrimmed(dataDir, StateFile::DICTIONARY_VERSION));
     if (!isNewerVersion(offered.c_str(), installed.c_str())) return true;
     std::string target = std::string(dataDir) + "/dicom.NEW.dic";
-    if (download(dataDir, installDir, "/varnesk_sundel/pieces/dicom.dic", target) != 0) return false;
+    if (download(dataDir, installDir, "/varnesk_sundel/pieces/dicom.dic", target) != 0) {
+        recordUpdate(dataDir, "dicom.dic", offered, "download failed");
+        return false;
+    }
     std::string content = readText(dataDir, "dicom.NEW.dic");
     if (!trimmed(content).empty()) {
         writeTxt(dataDir, "dicom.dic", content.c_str());
         writeTxt(dataDir, StateFile::DICTIONARY_VERSION, offered.c_str());
         rmFile(dataDir, "dicom.NEW.dic");
     }
+    recordUpdate(dataDir, "dicom.dic", offered, trimmed(content).empty() ? "empty download" : "ok");
     return true;
 }
 
@@ -75,8 +92,11 @@ bool updateReceiver(const char* dataDir, const std::string& installDir, const st
         !nonZeroFile(installDir.c_str(), name.c_str()))
         return true;
     std::string current = installDir + "/" + name;
-    if (download(dataDir, installDir, "/varnesk_sundel/piecesX/storescp", current + ".NEW") != 0) return false;
-    if (!replaceExecutable(current)) return false;
+    const char* failed = download(dataDir, installDir, "/varnesk_sundel/piecesX/storescp", current + ".NEW") != 0
+                             ? "download failed"
+                             : !replaceExecutable(current) ? "replace failed" : nullptr;
+    recordUpdate(dataDir, "storescp", offered, failed ? failed : "ok");
+    if (failed) return false;
     writeTxt(dataDir, StateFile::RECEIVER_VERSION, offered.c_str());
     return true;
 }
@@ -85,8 +105,11 @@ void updateProgram(const char* dataDir, const std::string& installDir, const std
     std::string installed = versionOrZero(readTrimmed(dataDir, StateFile::PROGRAM_VERSION));
     if (!isNewerVersion(offered.c_str(), installed.c_str())) return;
     std::string current = installDir + "/" + PRE + "hubTalk";
-    if (download(dataDir, installDir, "/varnesk_sundel/piecesX/hubTalk", current + ".NEW") != 0) return;
-    if (!replaceExecutable(current)) return;
+    const char* failed = download(dataDir, installDir, "/varnesk_sundel/piecesX/hubTalk", current + ".NEW") != 0
+                             ? "download failed"
+                             : !replaceExecutable(current) ? "replace failed" : nullptr;
+    recordUpdate(dataDir, "hubTalk", offered, failed ? failed : "ok");
+    if (failed) return;
     writeTxt(dataDir, StateFile::PROGRAM_VERSION, offered.c_str());
     sleep(1);
     exit(1);
