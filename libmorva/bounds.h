@@ -175,6 +175,15 @@ constexpr size_t CODE_LINE_MOST = 4096;
 // A table is loaded again once its last load is this old.
 constexpr long CODE_RELOAD_AGE_S = 3601;
 
+// ---- service log
+// The service-log lines waiting for the background sender, in bytes; a
+// caller finding it full waits this long for room before its line is
+// dropped (and counted). A pass waits this long at most for its lines to
+// be sent before it goes on.
+constexpr size_t SERVICE_LOG_QUEUE_BYTES = 16 * 1048576;
+constexpr unsigned int SERVICE_LOG_ROOM_WAIT_S = 30;
+constexpr unsigned int SERVICE_LOG_DRAIN_S = 300;
+
 // ---- EMR inbound
 // An inbound HL7 file is read this far.
 constexpr size_t HL7_INPUT_MOST = 16 * 1048576;
@@ -191,6 +200,9 @@ constexpr size_t LEDGER_LINE_MOST = 4096;
 // ("logKeep.txt" overrides).
 constexpr long long LOG_ROTATE_BYTES = 10LL * 1048576;
 constexpr int LOG_KEEP = 5;
+// A smaller "logRotateBytes.txt" is raised to this: a log rotated every
+// few lines would push its history out of the kept generations at once.
+constexpr long long LOG_ROTATE_BYTES_LEAST = 64 * 1024;
 // The status check: the export backlog's oldest file may be this old, and
 // this many heartbeats in a row may go unanswered, before it asks for
 // attention.
