@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <strings.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -14,8 +15,10 @@
 #include "exception.h"
 #include "files.h"
 #include "jsn.h"
+#include "ledger.h"
 #include "listener.h"
 #include "memory.h"
+#include "process.h"
 #include "processResults.h"
 #include "sendFile.h"
 #include "settings.h"
@@ -98,18 +101,36 @@ bool answerApiRequest(ListenerConnection& conn, char* text, int n) {
 
 void relayApiRequest(ListenerConnection& conn, char* text, int n) {
     JsnParser parser(text, n);
-    if (strcasecmp(parser.getString(0, "request_type", 0), "DICOM send") == 0) {
+    std::string type = parser.getString(0, "request_type", 0);
+    LedgerEntry entry;
+    entry.kind = "listener";
+    if (strcasecmp(type.c_str(), "DICOM send") == 0) {
         std::string file = exportFileOf(text);
         if (file.empty() && !QUIET) logLine("DICOM send refused: not a file in the export directory");
+        struct stat st;
+        if (!file.empty() && stat(file.c_str(), &st) == 0) entry.bytes = st.st_size;
+        double started = monotonicSeconds();
         int rc = file.empty() ? 1 : SendFile::sendAFile(file.c_str(), "Export", "Export", dataDir, QUIET);
+        if (!file.empty()) {
+            entry.item = file.substr(file.find_last_of('/') + 1);
+            entry.result = rc == 0 ? "ok" : "upload failed";
+            entry.seconds = monotonicSeconds() - started;
+            ledgerRecord(dataDir, entry);
+        }
         conn.send(rc == 0 ? "success" : "failure");
         finish(conn);
         return;
     }
 
     Memory arena;
+    entry.item = type;
+    double started = monotonicSeconds();
     const char* reply = SendFile::sendAPICommand(dataDir, text, VERBOSE, QUIET, &arena);
     bool failed = !reply || !*reply || strcasecmp(reply, "error") == 0;
+    entry.bytes = n;
+    entry.result = failed ? "error" : "ok";
+    entry.seconds = monotonicSeconds() - started;
+    ledgerRecord(dataDir, entry);
     conn.send(reply && *reply ? reply : "error");
     if (failed) {
         // The connection stays open until the service has corrected the

@@ -120,7 +120,8 @@ void sendImage(const std::string& path, const std::string& name, FileStamp seen)
         upload = (uid.empty() ? upload : uid) + ".dcm";
     }
     upload = headerSafe(upload);
-    UploadResult r = uploadExported(path, seen, upload.c_str(), upload.c_str(), unprocessed, "");
+    UploadResult r = uploadExported(path, seen, upload.c_str(), upload.c_str(), unprocessed, "", "Export",
+                                    uidText(keys.sopInstance));
     if (r != UploadResult::FAILED && r != UploadResult::SKIPPED) rememberStudy(keys);
 }
 

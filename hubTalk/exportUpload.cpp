@@ -11,6 +11,8 @@
 #include <set>
 
 #include "bounds.h"
+#include "ledger.h"
+#include "process.h"
 #include "sendFile.h"
 #include "settings.h"
 
@@ -68,11 +70,20 @@ bool removeUnchanged(const std::string& path, const FileStamp& seen) {
 
 UploadResult uploadExported(const std::string& path, const FileStamp& seen, const char* remote,
                             const char* marker, bool unprocessed, const std::string& companion,
-                            const char* type) {
+                            const char* type, const std::string& sopUid) {
     std::string key = deliveredKey(path, seen);
     if (!sameStamp(stampOf(path), seen) || wasDelivered(key)) return UploadResult::SKIPPED;
-    if (SendFile::sendWFile(path.c_str(), remote, marker, type, type, dataDir, QUIET, unprocessed) != 0)
-        return UploadResult::FAILED;
+    double started = monotonicSeconds();
+    bool failed = SendFile::sendWFile(path.c_str(), remote, marker, type, type, dataDir, QUIET, unprocessed) != 0;
+    LedgerEntry entry;
+    entry.kind = "upload";
+    entry.item = path.substr(path.find_last_of('/') + 1);
+    entry.sopUid = sopUid;
+    entry.bytes = seen.size;
+    entry.result = failed ? "upload failed" : "ok";
+    entry.seconds = monotonicSeconds() - started;
+    ledgerRecord(dataDir, entry);
+    if (failed) return UploadResult::FAILED;
     if (!sameStamp(stampOf(path), seen)) {
         fprintf(stderr, "%s changed during its upload; it stays and goes again\n", path.c_str());
         return UploadResult::CHANGED;

@@ -39,10 +39,10 @@ enum class UploadResult {
 // Uploads path with the upload type ("Export", or "Export-Pre" for a
 // preshare) unless it changed since `seen`. remote: the information text or
 // the upload name; marker: the upload name. companion (may be empty): a file
-// deleted together with it.
+// deleted together with it. sopUid (may be empty): for the delivery ledger.
 UploadResult uploadExported(const std::string& path, const FileStamp& seen, const char* remote,
                             const char* marker, bool unprocessed, const std::string& companion,
-                            const char* type = "Export");
+                            const char* type = "Export", const std::string& sopUid = "");
 
 // Deletes path when it is unchanged since `seen`; true when it is gone.
 bool removeUnchanged(const std::string& path, const FileStamp& seen);

@@ -10,6 +10,8 @@
 #include <string>
 
 #include "files.h"
+#include "ledger.h"
+#include "logRotation.h"
 #include "processResults.h"
 #include "registration.h"
 #include "selfUpdate.h"
@@ -64,6 +66,8 @@ char* heartbeatQuery(const char* dir, const char* internalIp, char* query) {
 }
 
 void loopCycle(const char* dir, unsigned (*pause)(unsigned)) {
+    rotateLogsIfLarge(dir);
+    ledgerPrune(dir, time(nullptr));
     if (registrationPending(dir)) registerBox(dir);
     char internalIp[256];
     get_intip(internalIp, sizeof internalIp);

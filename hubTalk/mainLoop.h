@@ -13,9 +13,10 @@ const size_t HEARTBEAT_QUERY_SIZE = 650;
 // cut, so its last fields ("&os=" first) are the ones lost. Returns query.
 char* heartbeatQuery(const char* dataDir, const char* internalIp, char* query);
 
-// One cycle: registration while it is pending, versions, internal address
-// (written to "internalIp.txt"), query, server-list refresh, sleep, heartbeat
-// and its reply, sleep, failure report, sleep. The sleeps go through pause
+// One cycle: log rotation, ledger pruning, registration while it is
+// pending, versions, internal address (written to "internalIp.txt"), query,
+// server-list refresh, sleep, heartbeat and its reply, sleep, failure
+// report, sleep. The sleeps go through pause
 // (sleep(3) in production) with a third of sleepTime each. Does not return
 // after a program self-update.
 void loopCycle(const char* dataDir, unsigned (*pause)(unsigned));

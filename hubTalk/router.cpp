@@ -18,6 +18,7 @@
 #include "bounds.h"
 #include "dicom.h"
 #include "files.h"
+#include "ledger.h"
 #include "process.h"
 #include "routeCommand.h"
 #include "sendFile.h"
@@ -90,8 +91,8 @@ void removeDropped(const std::string& path) {
 }
 
 // The file for the item, after up to four downloads; "" when none came
-// (the item is then reported).
-std::string download(const Item& item) {
+// (the item is then reported, with *failure).
+std::string download(const Item& item, std::string* failure) {
     std::string path = SendFile::getDicom(dataDir, item.key.c_str(), VERBOSE, QUIET);
     if (VERBOSE) printf("Sundel:  getDicom() finished and dropped this file %s\n", path.c_str());
     for (int count = 0; !isDroppedFile(path); ++count) {
@@ -100,6 +101,7 @@ std::string download(const Item& item) {
             item.id, count);
         if (count > DOWNLOAD_FAILURES_LOGGED) {
             report(item.id, message);
+            *failure = message;
             return "";
         }
         logToService(message);
@@ -109,9 +111,26 @@ std::string download(const Item& item) {
     return path;
 }
 
+// One ledger line per routed item: the message reported, or "ok".
+void recordRoute(const Item& item, const std::string& server, long long bytes, const std::string& message,
+                 double started) {
+    LedgerEntry entry;
+    entry.kind = "route";
+    entry.item = std::to_string(item.id);
+    entry.server = server;
+    entry.bytes = bytes;
+    entry.result = message.empty() ? "ok" : trimmed(message);
+    entry.seconds = monotonicSeconds() - started;
+    ledgerRecord(dataDir, entry);
+}
+
 void deliver(const Item& item, const std::string& file) {
+    struct stat st;
+    long long bytes = stat(file.c_str(), &st) == 0 ? static_cast<long long>(st.st_size) : -1;
+    double started = monotonicSeconds();
     std::string table = readText(dataDir, StateFile::DESTINATIONS.name, StateFile::DESTINATIONS.most);
     Destination to = findDestination(table, item.aeTitle, ER_ip);
+    std::string server = to.host.empty() ? to.aeTitle : to.aeTitle + "@" + to.host + ":" + std::to_string(ER_port);
     if (VERBOSE) printf("Sundel:  aetitle = %s\n", to.aeTitle.c_str());
     DeliveryCommand d = deliveryCommand(file, to);
     int status = 1;
@@ -131,9 +150,11 @@ void deliver(const Item& item, const std::string& file) {
             messageSafe(to.aeTitle).c_str(), item.id, messageSafe(to.host).c_str(), ER_port);
         if (VERBOSE) printf("Sundel:  Command Failed (%s)\n", message.c_str());
         report(item.id, message);
+        recordRoute(item, server, bytes, message, started);
     } else {
         if (VERBOSE) printf("Sundel:  Command Succeeded\n");
         report(item.id, "");
+        recordRoute(item, server, bytes, "", started);
     }
 }
 
@@ -166,10 +187,18 @@ int route_loop_proc(int64_t* timestamp) {
         handledAny = true;
         lastId = item.id;
 
-        std::string file = download(item);
-        if (file.empty()) break;
+        double started = monotonicSeconds();
+        std::string failure;
+        std::string file = download(item, &failure);
+        if (file.empty()) {
+            recordRoute(item, item.aeTitle, -1, failure, started);
+            break;
+        }
         if (!isDicom(file.c_str(), "")) {
-            report(item.id, bounded("Sundel:  router loop FAILED:  non-DICOM file received for id=%ld\n", item.id));
+            std::string message = bounded("Sundel:  router loop FAILED:  non-DICOM file received for id=%ld\n", item.id);
+            report(item.id, message);
+            struct stat st;
+            recordRoute(item, item.aeTitle, stat(file.c_str(), &st) == 0 ? st.st_size : -1, message, started);
             removeDropped(file);
             break;
         }

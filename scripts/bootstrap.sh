@@ -1,7 +1,7 @@
 #!/bin/sh
 # Installs the build and test dependencies on Debian 12; does nothing when all are present.
 set -eu
-PKGS="cmake g++ make libmbedtls-dev dcmtk libdcmtk-dev libgtest-dev openssl python3-hl7 python3-pydicom openssh-server openssh-client sshpass"
+PKGS="cmake g++ make libmbedtls-dev dcmtk libdcmtk-dev libgtest-dev openssl python3-hl7 python3-pydicom openssh-server openssh-client sshpass strace"
 missing=""
 for p in $PKGS; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"

@@ -83,6 +83,11 @@ protected:
         EXPECT_TRUE(flushServiceLog(60));
         return svc.commands();
     }
+    std::string ledger() {
+        std::string all;
+        for (const auto& name : entriesOf(data.file("ledger"))) all += slurp(data.file("ledger/" + name));
+        return all;
+    }
 
     // The segment summary line, then the asked fields.
     std::vector<std::string> readBack(const std::string& path, std::vector<std::string> fields) {
@@ -112,6 +117,8 @@ TEST_F(Hl7WritersTest, EachKindWritesItsMessageParsedBackAndLogged) {
         EXPECT_NE(std::find(c.begin(), c.end(), "box7|LOG|msg|" + std::string(k.name) + " Sundel:  HL7 Message written to " +
                                                      out.path() + " / " + k.file + " : " + message),
                   c.end());
+        EXPECT_NE(ledger().find("\temr\t" + std::string(k.file) + "\t-\t" + std::to_string(message.size()) + "\tok\t"),
+                  std::string::npos);
         unlink(out.file(k.file).c_str());
     }
 }

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -13,6 +14,7 @@
 #include "codeTables.h"
 #include "companion.h"
 #include "files.h"
+#include "ledger.h"
 #include "linkFiles.h"
 #include "ostiDrop.h"
 #include "serviceLog.h"
@@ -275,8 +277,19 @@ int gcDir(const char* dir) {
 }
 
 void writeStudy(int kind, const StudyRecord& study) {
+    auto start = std::chrono::steady_clock::now();
+    LedgerEntry entry;
+    entry.kind = "emr";
+    entry.server = HL7_dir;
+    auto record = [&] {
+        entry.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        ledgerRecord(dataDir, entry);
+    };
     if (kind == EMR_HL7FILE) {
         writeLinkFiles(study);
+        entry.item = safeFileName(study.studyUid);
+        entry.bytes = static_cast<long long>(study.reportLink.size());
+        record();
         return;
     }
     Message m;
@@ -291,6 +304,10 @@ void writeStudy(int kind, const StudyRecord& study) {
         default: return;
     }
     bool written = writeTxtUnsynced(HL7_dir, m.fileName.c_str(), m.text.c_str());
+    entry.item = m.fileName;
+    entry.bytes = static_cast<long long>(m.text.size());
+    entry.result = written ? "ok" : "not written";
+    record();
     if (VERBOSE)
         printf("Writing '%s' to %s / %s;  success=%d\n", m.text.c_str(), HL7_dir, m.fileName.c_str(), written ? 1 : 0);
     generateAttachments(study.studyUid, m.text);
