@@ -133,6 +133,10 @@ TEST_F(ListenerService, DicomSendUploadsOnlyFilesOfTheExportDirectory) {
     EXPECT_EQ(talk(port, R"({"request_type": "DICOM send"} )" + dcm), "success");
     EXPECT_EQ(slurp(svc.storedFile("img.dcm")), slurp(dcm));
     EXPECT_NE(svc.storedHeader("img.dcm").find("|Export|Export|"), std::string::npos);
+    std::string ledger;
+    for (const auto& name : entriesOf(data.file("ledger"))) ledger += slurp(data.file("ledger/" + name));
+    EXPECT_NE(ledger.find("\tlistener\timg.dcm\t-\t" + std::to_string(slurp(dcm).size()) + "\tok\t"), std::string::npos)
+        << ledger;
 
     // Missing files, and readable ones elsewhere, reached directly, through
     // "..", through a link, as a directory or in a sibling directory, are
