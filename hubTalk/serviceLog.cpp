@@ -19,10 +19,19 @@ namespace {
 const size_t SERVICE_LINE_MOST = 2048;
 const int SENDER_NICENESS = 10;
 
+// A line with the settings it was queued under: the sender never reads the
+// process-wide settings, which their owner may change meanwhile.
+struct Line {
+    std::string text;
+    std::string dataDir;
+    bool verbose;
+    bool quiet;
+};
+
 struct Queue {
     std::mutex lock;
     std::condition_variable changed;
-    std::deque<std::string> lines;
+    std::deque<Line> lines;
     size_t bytes = 0;
     unsigned long dropped = 0;
     bool sending = false;
@@ -34,9 +43,13 @@ Queue* queue = nullptr;
 pid_t queueOwner = 0;
 std::mutex queueStart;
 
-void send(const std::string& line) {
+void send(const Line& line) {
     int status = 0;
-    SendFile::sendLogMsg(dataDir, status, line.c_str(), VERBOSE, QUIET);
+    SendFile::sendLogMsg(line.dataDir.c_str(), status, line.text.c_str(), line.verbose, line.quiet);
+}
+
+Line now(const std::string& message) {
+    return Line{message.substr(0, SERVICE_LINE_MOST), dataDir, VERBOSE, QUIET};
 }
 
 void* sender(void* arg) {
@@ -46,21 +59,24 @@ void* sender(void* arg) {
         // Sent at the normal priority then.
     }
     for (;;) {
-        std::string line;
+        Line line;
         unsigned long dropped;
         {
             std::unique_lock<std::mutex> hold(q.lock);
             q.changed.wait(hold, [&] { return !q.lines.empty(); });
             line = std::move(q.lines.front());
             q.lines.pop_front();
-            q.bytes -= line.size();
+            q.bytes -= line.text.size();
             dropped = q.dropped;
             q.dropped = 0;
             q.sending = true;
             q.changed.notify_all();
         }
-        if (dropped)
-            send("Sundel:  " + std::to_string(dropped) + " log lines dropped: the log queue stayed full");
+        if (dropped) {
+            Line note = line;
+            note.text = "Sundel:  " + std::to_string(dropped) + " log lines dropped: the log queue stayed full";
+            send(note);
+        }
         send(line);
         std::lock_guard<std::mutex> hold(q.lock);
         q.sending = false;
@@ -87,11 +103,11 @@ Queue* ownQueue() {
 }  // namespace
 
 void logToService(const std::string& message) {
-    send(message.substr(0, SERVICE_LINE_MOST));
+    send(now(message));
 }
 
 void logToServiceLater(const std::string& message) {
-    std::string line = message.substr(0, SERVICE_LINE_MOST);
+    Line line = now(message);
     Queue* q = ownQueue();
     if (!q) {
         send(line);
@@ -99,13 +115,13 @@ void logToServiceLater(const std::string& message) {
     }
     std::unique_lock<std::mutex> hold(q->lock);
     bool room = q->changed.wait_for(hold, std::chrono::seconds(Limits::SERVICE_LOG_ROOM_WAIT_S), [&] {
-        return q->lines.empty() || q->bytes + line.size() <= Limits::SERVICE_LOG_QUEUE_BYTES;
+        return q->lines.empty() || q->bytes + line.text.size() <= Limits::SERVICE_LOG_QUEUE_BYTES;
     });
     if (!room) {
         ++q->dropped;
         return;
     }
-    q->bytes += line.size();
+    q->bytes += line.text.size();
     q->lines.push_back(std::move(line));
     q->changed.notify_all();
 }

@@ -77,7 +77,10 @@ protected:
         spit(data.file("acct.txt"), Util::encipher("Clinic Facility"));
         QUIET = true;
     }
-    ~Hl7WritersTest() override { resetSettings(); }
+    ~Hl7WritersTest() override {
+        flushServiceLog(60);
+        resetSettings();
+    }
     // What the service received, the log lines queued behind the writer included.
     std::vector<std::string> sent() {
         EXPECT_TRUE(flushServiceLog(60));

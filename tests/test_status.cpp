@@ -8,6 +8,7 @@
 
 #include <ctime>
 #include <functional>
+#include <sstream>
 
 #include "localServiceProcess.h"
 #include "mainLoop.h"
@@ -226,7 +227,11 @@ TEST(Status, TheProgramReadsOnlyAndOpensNoSocket) {
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_NE(flatJson(r.out).find(".hostName=\"box7\""), std::string::npos) << r.out;
     EXPECT_EQ(listing(data.path()), before);
-    std::string calls = slurp(box.bin.file("trace"));
+    // The thread sanitizer's runtime makes and removes a scratch file of its own.
+    std::string calls;
+    std::istringstream trace(slurp(box.bin.file("trace")));
+    for (std::string line; std::getline(trace, line);)
+        if (line.find("tsan") == std::string::npos) calls += line + "\n";
     for (const char* call : {"socket(", "connect(", "clone", "fork(", "O_WRONLY", "O_RDWR", "O_CREAT", "creat(", "mkdir",
                              "rename", "unlink"})
         EXPECT_EQ(calls.find(call), std::string::npos) << call << "\n" << calls;
