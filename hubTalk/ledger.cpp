@@ -72,14 +72,8 @@ bool ledgerDay(const char* name, long& day) {
 }
 
 int keptDays(const char* dataDir) {
-    std::string text = readText(dataDir, StateFile::LEDGER_DAYS.name, StateFile::LEDGER_DAYS.most);
-    size_t from = text.find_first_not_of(" \t\r\n"), to = text.find_last_not_of(" \t\r\n");
-    if (from == std::string::npos) return Limits::LEDGER_KEEP_DAYS;
-    text = text.substr(from, to - from + 1);
-    if (text.find_first_not_of("0123456789") != std::string::npos) return Limits::LEDGER_KEEP_DAYS;
-    errno = 0;
-    long days = strtol(text.c_str(), nullptr, 10);
-    return errno == 0 && days > 0 && days <= INT_MAX ? static_cast<int>(days) : Limits::LEDGER_KEEP_DAYS;
+    long long days = positiveNumber(dataDir, StateFile::LEDGER_DAYS);
+    return days > 0 && days <= INT_MAX ? static_cast<int>(days) : Limits::LEDGER_KEEP_DAYS;
 }
 
 std::string lineOf(const LedgerEntry& e, const tm& local) {

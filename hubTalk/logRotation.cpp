@@ -40,15 +40,6 @@ bool pointAt(const Log& log, const std::string& path) {
     return done;
 }
 
-// A whole positive number from the state file, or 0.
-long long positive(const char* dir, const StateFileName& file) {
-    const char* text = readTrimmed(dir, file);
-    char* end = nullptr;
-    errno = 0;
-    long long value = strtoll(text, &end, 10);
-    return *text && !*end && errno == 0 && value > 0 ? value : 0;
-}
-
 std::string generation(const std::string& path, long long n) { return path + "." + std::to_string(n); }
 
 // Current file to ".1", ".1" to ".2" and so on; ".keep" and any above it
@@ -75,10 +66,10 @@ bool redirectLogs(const char* dataDir) {
 
 void rotateLogsIfLarge(const char* dataDir) {
     if (!redirected) return;
-    long long most = positive(dataDir, StateFile::LOG_ROTATE_BYTES);
+    long long most = positiveNumber(dataDir, StateFile::LOG_ROTATE_BYTES);
     if (!most) most = Limits::LOG_ROTATE_BYTES;
     if (most < Limits::LOG_ROTATE_BYTES_LEAST) most = Limits::LOG_ROTATE_BYTES_LEAST;
-    long long keep = positive(dataDir, StateFile::LOG_KEEP);
+    long long keep = positiveNumber(dataDir, StateFile::LOG_KEEP);
     if (!keep) keep = Limits::LOG_KEEP;
     for (const Log& log : LOGS) {
         std::string path = std::string(dataDir) + "/" + log.name.name;

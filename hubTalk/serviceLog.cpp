@@ -127,7 +127,12 @@ void logToServiceLater(const std::string& message) {
 }
 
 bool flushServiceLog(unsigned seconds) {
-    Queue* q = ownQueue();
+    Queue* q;
+    {
+        // Nothing was queued in this process: no sender to start, nothing to wait for.
+        std::lock_guard<std::mutex> hold(queueStart);
+        q = queueOwner == getpid() ? queue : nullptr;
+    }
     if (!q) return true;
     std::unique_lock<std::mutex> hold(q->lock);
     return q->changed.wait_for(hold, std::chrono::seconds(seconds),

@@ -229,6 +229,14 @@ char* readTrimmed(const char* dir, const char* name, size_t most) {
 
 char* readTrimmed(const char* dir, const StateFileName& file) { return readTrimmed(dir, file.name, file.most); }
 
+long long positiveNumber(const char* dir, const StateFileName& file) {
+    const char* text = readTrimmed(dir, file);
+    char* end = nullptr;
+    errno = 0;
+    long long value = strtoll(text, &end, 10);
+    return *text && !*end && errno == 0 && value > 0 ? value : 0;
+}
+
 bool writeTxt(const char* dir, const char* name, const char* text) {
     if (!text) text = "";
     return atomicWrite(dir, name, text, strlen(text), false);

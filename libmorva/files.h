@@ -28,6 +28,9 @@ std::string readText(const char* dir, const char* name, size_t most = SIZE_MAX);
 // freed). A state file is read as far as its own limit.
 char* readTrimmed(const char* dir, const char* name, size_t most = Limits::STATE_TEXT_MOST);
 char* readTrimmed(const char* dir, const StateFileName& file);
+// The whole positive number a state file holds; 0 when it is missing, empty
+// or anything else ("12x", "0", "-3", "7.5"), so the caller's default holds.
+long long positiveNumber(const char* dir, const StateFileName& file);
 // Atomic replace: the content is written to a new temporary beside the file
 // ("<path>.SV.<pid>.<tid>.<n>", never an existing file or link), brought to
 // disk and renamed over the file. True only when the file was wholly

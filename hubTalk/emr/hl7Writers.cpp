@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -17,6 +16,7 @@
 #include "ledger.h"
 #include "linkFiles.h"
 #include "ostiDrop.h"
+#include "process.h"
 #include "serviceLog.h"
 #include "settings.h"
 #include "text.h"
@@ -277,12 +277,12 @@ int gcDir(const char* dir) {
 }
 
 void writeStudy(int kind, const StudyRecord& study) {
-    auto start = std::chrono::steady_clock::now();
+    double started = monotonicSeconds();
     LedgerEntry entry;
     entry.kind = "emr";
     entry.server = HL7_dir;
     auto record = [&] {
-        entry.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        entry.seconds = monotonicSeconds() - started;
         ledgerRecord(dataDir, entry);
     };
     if (kind == EMR_HL7FILE) {
