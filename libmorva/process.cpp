@@ -65,17 +65,21 @@ ChildWait waitChildFor(pid_t pid, double seconds, int* status) {
     }
 }
 
-int runBounded(const char* command, unsigned seconds) {
-    posix_spawnattr_t attr;
-    posix_spawnattr_init(&attr);
+void initChildAttributes(posix_spawnattr_t* attr) {
+    posix_spawnattr_init(attr);
     sigset_t none, pipe;
     sigemptyset(&none);
     sigemptyset(&pipe);
     sigaddset(&pipe, SIGPIPE);
-    posix_spawnattr_setsigmask(&attr, &none);
-    posix_spawnattr_setsigdefault(&attr, &pipe);
-    posix_spawnattr_setpgroup(&attr, 0);
-    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
+    posix_spawnattr_setsigmask(attr, &none);
+    posix_spawnattr_setsigdefault(attr, &pipe);
+    posix_spawnattr_setpgroup(attr, 0);
+    posix_spawnattr_setflags(attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
+}
+
+int runBounded(const char* command, unsigned seconds) {
+    posix_spawnattr_t attr;
+    initChildAttributes(&attr);
     char sh[] = "/bin/sh", c[] = "-c";
     char* argv[] = {sh, c, const_cast<char*>(command ? command : ""), nullptr};
     pid_t pid = -1;

@@ -1,6 +1,7 @@
 // Companion programs run through the shell with a bound on their time, and
 // the bounded wait for a child process beneath it.
 #pragma once
+#include <spawn.h>
 #include <sys/types.h>
 
 // What runBounded returns besides an exit status (0..255).
@@ -14,6 +15,11 @@ const int RUN_KILLED = -3;  // ended by a signal of someone else's
 // no blocked signals, whatever the calling thread has. Returns the exit
 // status, or one of the values above.
 int runBounded(const char* command, unsigned seconds);
+
+// Spawn attributes (initialised here; the caller destroys them) for a child
+// in a process group of its own, with the default SIGPIPE action and no
+// blocked signals, whatever the calling thread has.
+void initChildAttributes(posix_spawnattr_t* attr);
 
 // Seconds on a clock that never jumps (for measuring, not for time stamps).
 double monotonicSeconds();

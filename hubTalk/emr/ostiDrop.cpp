@@ -141,15 +141,7 @@ bool sftpPut(const std::vector<std::string>& files, std::string* details) {
     posix_spawn_file_actions_adddup2(&actions, out[1], 2);
     posix_spawn_file_actions_addchdir_np(&actions, HL7_dir);
     posix_spawnattr_t attr;
-    posix_spawnattr_init(&attr);
-    sigset_t empty, pipeSignal;
-    sigemptyset(&empty);
-    sigemptyset(&pipeSignal);
-    sigaddset(&pipeSignal, SIGPIPE);
-    posix_spawnattr_setsigmask(&attr, &empty);
-    posix_spawnattr_setsigdefault(&attr, &pipeSignal);
-    posix_spawnattr_setpgroup(&attr, 0);
-    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
+    initChildAttributes(&attr);
     std::vector<std::string> env = childEnvironment();
     std::vector<char*> argv = pointers(args), envp = pointers(env);
     pid_t pid = -1;
