@@ -77,14 +77,13 @@ int keptDays(const char* dataDir) {
 }
 
 std::string lineOf(const LedgerEntry& e, const tm& local) {
-    char when[40];
-    strftime(when, sizeof when, "%Y-%m-%dT%H:%M:%S%z", &local);
-    // "+hhmm" becomes "+hh:mm", the offset form of the extended time above.
-    size_t n = strlen(when);
-    if (n >= 5 && (when[n - 5] == '+' || when[n - 5] == '-')) {
-        memmove(when + n - 1, when + n - 2, 3);
-        when[n - 2] = ':';
-    }
+    // Formatted by hand: strftime re-reads the zone file on every call, which
+    // a pass of 10 000 records would feel.
+    long offset = local.tm_gmtoff / 60;
+    char when[64];
+    snprintf(when, sizeof when, "%04d-%02d-%02dT%02d:%02d:%02d%c%02ld:%02ld", local.tm_year + 1900, local.tm_mon + 1,
+             local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, offset < 0 ? '-' : '+', labs(offset) / 60,
+             labs(offset) % 60);
     char bytes[24] = "-", seconds[32];
     if (e.bytes >= 0) snprintf(bytes, sizeof bytes, "%lld", e.bytes);
     snprintf(seconds, sizeof seconds, "%.3f", e.seconds >= 0 ? e.seconds : 0.0);
@@ -143,8 +142,8 @@ void ledgerRecord(const char* dataDir, const LedgerEntry& entry) {
         tm local{};
         localtime_r(&now, &local);
         std::string line = lineOf(entry, local);
-        char day[16];
-        strftime(day, sizeof day, "%Y-%m-%d", &local);
+        char day[32];
+        snprintf(day, sizeof day, "%04d-%02d-%02d", local.tm_year + 1900, local.tm_mon + 1, local.tm_mday);
         std::string dir = std::string(dataDir) + "/" + LEDGER_DIR;
         std::string path = dir + "/" + day + LEDGER_SUFFIX;
 
@@ -165,6 +164,9 @@ void ledgerRecord(const char* dataDir, const LedgerEntry& entry) {
 }
 
 int ledgerPrune(const char* dataDir, time_t now) {
+    // Once a cycle the zone is read again, so a changed zone reaches the
+    // records, which are formatted without re-reading it.
+    tzset();
     if (!dataDir || !*dataDir) return 0;
     std::string dir = std::string(dataDir) + "/" + LEDGER_DIR;
     DIR* d = opendir(dir.c_str());

@@ -31,5 +31,7 @@ void ledgerRecord(const char* dataDir, const LedgerEntry& entry);
 // Removes the daily files dated more than "ledgerDays.txt" days (a positive
 // whole number; anything else means Limits::LEDGER_KEEP_DAYS) before the
 // local date of now. Only regular files named "YYYY-MM-DD.tsv" with a real
-// date are touched. Returns how many were removed.
+// date are touched. Returns how many were removed. Also takes up a changed
+// time zone (TZ or the system's zone file) for the records that follow:
+// ledgerRecord itself does not re-read it.
 int ledgerPrune(const char* dataDir, time_t now);

@@ -82,6 +82,33 @@ TEST(Ledger, LinesFromManyThreadsStayWhole) {
     EXPECT_EQ(size_t(threads * each), items.size());
 }
 
+// Stamps carry the zone's offset, half hours and west of UTC too, and the
+// day's file is named by the local date; a zone changed meanwhile is taken up
+// at the next prune.
+TEST(Ledger, StampsFollowTheZone) {
+    const char* before = getenv("TZ");
+    std::string saved = before ? before : "";
+    const struct {
+        const char* zone;
+        const char* offset;
+    } zones[] = {{"UTC0", "+00:00"}, {"IST-05:30", "+05:30"}, {"NST+03:30", "-03:30"}, {"XST+11", "-11:00"}};
+    for (const auto& z : zones) {
+        TempDir data;
+        setenv("TZ", z.zone, 1);
+        ledgerPrune(data.path().c_str(), time(nullptr));
+        record(data.path(), "x");
+        auto lines = ledgerLines(data.path());
+        std::vector<std::string> files = entriesOf(data.file("ledger"));
+        ASSERT_EQ(1u, lines.size()) << z.zone;
+        ASSERT_EQ(1u, files.size()) << z.zone;
+        const std::string& stamp = lines[0][0];
+        EXPECT_EQ(z.offset, stamp.substr(stamp.size() - 6)) << stamp;
+        EXPECT_EQ(stamp.substr(0, 10) + ".tsv", files[0]) << z.zone;
+    }
+    if (before) setenv("TZ", saved.c_str(), 1); else unsetenv("TZ");
+    tzset();
+}
+
 TEST(Ledger, HostileValuesStayOneLine) {
     TempDir data;
     LedgerEntry e{"upload", "a\tb\r\nc", "1.2\t3", 0, "no\nway", 1.23456, "h\t1"};
