@@ -7,8 +7,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <sstream>
 
+#include "bounds.h"
 #include "emr/hl7Writers.h"
 #include "emr/ostiDrop.h"
 #include "listenerClient.h"
@@ -263,6 +265,32 @@ TEST_F(Hl7WritersTest, OstiDropOverSftp) {
                                     "sshpass -e sftp -oBatchMode=no -b - -P ", 0), 0u);
     EXPECT_EQ(c.back().rfind("box7|LOG|msg|OSTI Sundel:  sftp command failed for attachments: ", 0), 0u);
     for (auto& line : c) EXPECT_EQ(line.find("Wm47Brax"), std::string::npos);
+}
+
+// A drop that never answers, and whose client ignores SIGTERM, is cut off at
+// the bound with the whole process group; the pass then goes on.
+TEST_F(Hl7WritersTest, HungDropIsStoppedAtItsBound) {
+    TempDir bin;
+    const std::string grandchild = bin.file("grandchild");
+    spit(bin.file("sshpass"), "#!/bin/sh\ntrap '' TERM\nsleep 1000 &\necho $! > " + grandchild + "\nwait\n");
+    chmod(bin.file("sshpass").c_str(), 0755);
+    std::string path = getenv("PATH");
+    setenv("PATH", (bin.path() + ":" + path).c_str(), 1);
+    spit(data.file("ostiAccount.txt"), "drop");
+    std::string details;
+    bool put = sftpPut({CTL}, &details);
+    setenv("PATH", path.c_str(), 1);
+    EXPECT_FALSE(put);
+    EXPECT_NE(details.find(": stopped after " + std::to_string(Limits::OSTI_DROP_TIMEOUT_S) + " s"),
+              std::string::npos) << details;
+    std::string pid = slurp(grandchild);
+    pid = pid.substr(0, pid.find('\n'));
+    ASSERT_FALSE(pid.empty());
+    // Gone, or a zombie waiting for whoever adopted it.
+    std::string stat = slurp("/proc/" + pid + "/stat");
+    bool gone = stat.empty() || stat.find(") Z ") != std::string::npos;
+    EXPECT_TRUE(gone) << stat;
+    if (!gone) kill(std::stoi(pid), SIGKILL);
 }
 
 TEST(Hl7GcDir, RemovesOnlyOldFilesOfTheBridge) {
