@@ -6,7 +6,7 @@
 # de-identified and uploaded to the service; studies the service queues for
 # the first box delivered by its router to a real DICOM receiver, and a
 # self-update of the DICOM dictionary, fetched by the download tool over TLS
-# pinned to the box's authority.
+# pinned to the box's authority; the second box's state at a glance.
 # Ends by itself.
 # HUBTALK_BUILD_DIR (default "build") names the build directory.
 set -eu
@@ -236,6 +236,12 @@ n="$(beats)"
 for _ in $(seq 1 150); do [ "$(beats)" -gt "$n" ] && break; sleep 0.1; done
 grep '^heartbeat|.*fqdn=demo-box-2&' "$svc/commands.log" | tail -n 1 | tr '&' '\n' | grep -E 'apps2|appl' |
     sed 's/^/   reports: /' || true
+
+step "the second box at a glance: hubTalk -d $data2 --status (reads the data directory only)"
+status=0
+"$build/hubTalk/hubTalk" -d "$data2" --status >"$demo/status.txt" 2>&1 || status=$?
+sed 's/^/   /' "$demo/status.txt"
+[ "$status" = 0 ] || echo "   (exit status $status: something needs attention)"
 
 step "done; logs in $demo"
 echo "   agents:  $demo/agent.out, $demo/agent.err, $demo/agent2.out, $demo/agent2.err"
