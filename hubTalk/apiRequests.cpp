@@ -110,10 +110,12 @@ void relayApiRequest(ListenerConnection& conn, char* text, int n) {
         struct stat st;
         if (!file.empty() && stat(file.c_str(), &st) == 0) entry.bytes = st.st_size;
         double started = monotonicSeconds();
-        int rc = file.empty() ? 1 : SendFile::sendAFile(file.c_str(), "Export", "Export", dataDir, QUIET);
+        SendFile::Outcome outcome;
+        int rc = file.empty() ? 1 : SendFile::sendAFile(file.c_str(), "Export", "Export", dataDir, QUIET, &outcome);
         if (!file.empty()) {
             entry.item = file.substr(file.find_last_of('/') + 1);
-            entry.result = rc == 0 ? "ok" : "upload failed";
+            entry.result = rc == 0 ? "ok" : "upload failed: " + outcome.failure;
+            entry.server = outcome.server;
             entry.seconds = monotonicSeconds() - started;
             ledgerRecord(dataDir, entry);
         }

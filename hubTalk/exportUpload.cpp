@@ -74,13 +74,16 @@ UploadResult uploadExported(const std::string& path, const FileStamp& seen, cons
     std::string key = deliveredKey(path, seen);
     if (!sameStamp(stampOf(path), seen) || wasDelivered(key)) return UploadResult::SKIPPED;
     double started = monotonicSeconds();
-    bool failed = SendFile::sendWFile(path.c_str(), remote, marker, type, type, dataDir, QUIET, unprocessed) != 0;
+    SendFile::Outcome outcome;
+    bool failed =
+        SendFile::sendWFile(path.c_str(), remote, marker, type, type, dataDir, QUIET, unprocessed, &outcome) != 0;
     LedgerEntry entry;
     entry.kind = "upload";
     entry.item = path.substr(path.find_last_of('/') + 1);
     entry.sopUid = sopUid;
     entry.bytes = seen.size;
-    entry.result = failed ? "upload failed" : "ok";
+    entry.result = failed ? "upload failed: " + outcome.failure : "ok";
+    entry.server = outcome.server;
     entry.seconds = monotonicSeconds() - started;
     ledgerRecord(dataDir, entry);
     if (failed) return UploadResult::FAILED;

@@ -53,6 +53,7 @@ bool Box::shutdown(const char* message, bool doReport) {
         m_alarms->forgetSocket(alarmIndex);
     }
     if (doReport) {
+        failure = std::string(message) + ": " + (err ? strerror(err) : "no system error");
         errno = err;
         Network::report(message, quiet, verbose);
     }

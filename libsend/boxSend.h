@@ -16,7 +16,8 @@ public:
 
     // Disarms the thread's alarm, closes the socket (unless the watchdog
     // already did), and with report writes the failure report
-    // "<time>  Receiving:  <message>: <errno text>". Returns report.
+    // "<time>  Receiving:  <message>: <errno text>" and keeps it in
+    // `failure`. Returns report.
     virtual bool shutdown(const char* message, bool report);
 
     // The pre-shared key of the data session: Util::encrypt of id + "_" +
@@ -44,4 +45,6 @@ public:
     bool removeFile = false;  // remove the file at destruction (once opened)
     bool useCertTransport = true;
     bool tripleKey = false;  // clear transport: encrypt3 instead of encrypt
+    std::string reached;     // numeric "address:port" of the last connection made
+    std::string failure;     // "<message>: <errno text>" of the last report
 };

@@ -2,6 +2,7 @@
 // the file upload.
 #include "sendFile.h"
 
+#include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <pthread.h>
@@ -61,6 +62,15 @@ std::string decodeField(const char* text) {
 std::string readRightTrimmed(const char* dir, const StateFileName& file) {
     std::string text = readText(dir, file.name, file.most);
     return rtrim(&text[0]);
+}
+
+// "address:port" ("[address]:port" for IPv6), without a name lookup.
+std::string numericAddress(const sockaddr* address, socklen_t length) {
+    char host[NI_MAXHOST], port[NI_MAXSERV];
+    if (getnameinfo(address, length, host, sizeof host, port, sizeof port, NI_NUMERICHOST | NI_NUMERICSERV) != 0)
+        return "";
+    bool six = address->sa_family == AF_INET6;
+    return std::string(six ? "[" : "") + host + (six ? "]:" : ":") + port;
 }
 
 std::string keyMismatch(const char* key) {
@@ -218,7 +228,10 @@ bool SendFile::connectSession() {
         m_alarms->arm(alarmIndex, Limits::LINK_STEP_MS, sock);
         int rc = connect(sock, ai.result->ai_addr, ai.result->ai_addrlen);
         m_alarms->disarm(alarmIndex);
-        if (rc == 0) return true;
+        if (rc == 0) {
+            reached = numericAddress(ai.result->ai_addr, ai.result->ai_addrlen);
+            return true;
+        }
         // A socket whose connect failed (or that the watchdog closed) is not
         // reliably reusable: start the next attempt on a fresh one.
         int err = errno;
@@ -362,11 +375,12 @@ std::string SendFile::namedFile(const char* text) {
 }
 
 int SendFile::sendWFile(const char* path, const char* remote, const char* marker, const char* a,
-                        const char* b, const char* dDir, bool qu, bool unprocessed) {
-    if (!path) return 1;
-    std::string p = namedFile(path);
+                        const char* b, const char* dDir, bool qu, bool unprocessed, Outcome* outcome) {
+    if (outcome) *outcome = Outcome();
+    std::string p = path ? namedFile(path) : "";
     if (p.empty()) {
-        fprintf(stderr, "Input file %s cannot be found\n", path);
+        if (path) fprintf(stderr, "Input file %s cannot be found\n", path);
+        if (outcome) outcome->failure = "Input file cannot be found";
         return 1;
     }
     size_t slash = p.find_last_of('/');
@@ -382,6 +396,10 @@ int SendFile::sendWFile(const char* path, const char* remote, const char* marker
         session.loadDests();
         session.quiet = q;
         failed = session.sendFile();
+        if (outcome) {
+            outcome->server = session.reached;
+            if (failed) outcome->failure = session.failure.empty() ? "not delivered" : session.failure;
+        }
     }
     if (failed)
         LinkUtil::writeCount(dDir, StateFile::UPLOAD_FAILURES,
@@ -391,6 +409,7 @@ int SendFile::sendWFile(const char* path, const char* remote, const char* marker
     return failed ? 1 : 0;
 }
 
-int SendFile::sendAFile(const char* path, const char* a, const char* b, const char* dDir, bool qu) {
-    return sendWFile(path, nullptr, nullptr, a, b, dDir, qu, false);
+int SendFile::sendAFile(const char* path, const char* a, const char* b, const char* dDir, bool qu,
+                        Outcome* outcome) {
+    return sendWFile(path, nullptr, nullptr, a, b, dDir, qu, false, outcome);
 }

@@ -97,13 +97,18 @@ public:
     // one, else the last blank-separated word of the trimmed text; "" when
     // neither is a regular file.
     static std::string namedFile(const char* text);
+    // What one upload reached, and why it failed.
+    struct Outcome {
+        std::string server;   // numeric "address:port" of the service, "" when none answered
+        std::string failure;  // the transport's report, "" on success
+    };
     // 0 when delivered or declined, non-zero on failure; counts consecutive
     // failures in "FileFailedCount.txt" ("0" after a success).
     static int sendWFile(const char* path, const char* remoteName, const char* markerName,
                          const char* fieldA, const char* fieldB, const char* dataDir, bool quiet,
-                         bool unprocessed);
+                         bool unprocessed, Outcome* outcome = nullptr);
     static int sendAFile(const char* path, const char* fieldA, const char* fieldB,
-                         const char* dataDir, bool quiet);
+                         const char* dataDir, bool quiet, Outcome* outcome = nullptr);
 
     // ---- command catalogue. Id = trimmed "hostName.txt". Where a display
     // name is needed and it or the id is missing, nothing is sent and the

@@ -192,12 +192,19 @@ TEST_F(Delivered, ExportUploadLeavesItsLine) {
     struct utimbuf settled{time(nullptr) - 60, time(nullptr) - 60};
     utime((out + "/ct.dcm").c_str(), &settled);
     int64_t timer = -1;
+    svc.setFault(Fault::WrongKey);
+    vp_loop_proc(&timer);
+    svc.setFault(Fault::WrongKey, false);
     vp_loop_proc(&timer);
     EXPECT_FALSE(exists(out + "/ct.dcm"));
     auto lines = ledgerLines(dir());
-    ASSERT_EQ(1u, lines.size());
-    EXPECT_EQ("8|upload|ct.dcm|1.3.6.1.4.1.5962.1.1.1.1.1.20040119072730.12322|" + std::to_string(image.size()) + "|ok",
-              std::to_string(lines[0].size()) + "|" + columns(lines[0], {1, 2, 3, 4, 5}));
+    ASSERT_EQ(2u, lines.size());
+    const std::string server = "127.0.0.1:" + std::to_string(svc.port());
+    EXPECT_EQ(0u, lines[0][5].find("upload failed: Fatal error during TLS handshake:  key mismatch")) << lines[0][5];
+    EXPECT_EQ("8|upload|ct.dcm|1.3.6.1.4.1.5962.1.1.1.1.1.20040119072730.12322|" + std::to_string(image.size()) +
+                  "|ok|" + server,
+              std::to_string(lines[1].size()) + "|" + columns(lines[1], {1, 2, 3, 4, 5, 7}));
+    EXPECT_EQ(server, lines[0][7]);
 }
 
 TEST_F(Delivered, RoutedItemLeavesItsLine) {

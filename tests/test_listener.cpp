@@ -135,8 +135,9 @@ TEST_F(ListenerService, DicomSendUploadsOnlyFilesOfTheExportDirectory) {
     EXPECT_NE(svc.storedHeader("img.dcm").find("|Export|Export|"), std::string::npos);
     std::string ledger;
     for (const auto& name : entriesOf(data.file("ledger"))) ledger += slurp(data.file("ledger/" + name));
-    EXPECT_NE(ledger.find("\tlistener\timg.dcm\t-\t" + std::to_string(slurp(dcm).size()) + "\tok\t"), std::string::npos)
-        << ledger;
+    std::regex line("[^\t]+\tlistener\timg\\.dcm\t-\t" + std::to_string(slurp(dcm).size()) + "\tok\t[0-9.]+\t127\\.0\\.0\\.1:" +
+                    std::to_string(svc.port()) + "\n");
+    EXPECT_TRUE(std::regex_match(ledger, line)) << ledger;
 
     // Missing files, and readable ones elsewhere, reached directly, through
     // "..", through a link, as a directory or in a sibling directory, are
