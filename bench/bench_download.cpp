@@ -30,7 +30,6 @@ void makeFile(const std::string& path, size_t size) {
     fclose(f);
 }
 
-double median3(double a, double b, double c) { return std::max(std::min(a, b), std::min(std::max(a, b), c)); }
 
 off_t sizeOf(const std::string& path) {
     struct stat st;
@@ -102,8 +101,8 @@ int main() {
             printf("round %d: download %7.1f MB/s  curl %7.1f MB/s  s_client %7.1f MB/s  fsync %.3f s\n", round + 1,
                    tool3[round], curl3[round], ossl3[round], sync3[round]);
         }
-        double tool = median3(tool3[0], tool3[1], tool3[2]), curl = median3(curl3[0], curl3[1], curl3[2]);
-        double ossl = median3(ossl3[0], ossl3[1], ossl3[2]), sync = median3(sync3[0], sync3[1], sync3[2]);
+        double tool = median({tool3[0], tool3[1], tool3[2]}), curl = median({curl3[0], curl3[1], curl3[2]});
+        double ossl = median({ossl3[0], ossl3[1], ossl3[2]}), sync = median({sync3[0], sync3[1], sync3[2]});
         printf("median of 3, 100 MB over loopback TLS:\n");
         printf("  download          %7.1f MB/s\n", tool);
         if (haveCurl) printf("  curl              %7.1f MB/s   download/curl     %.2f\n", curl, curl > 0 ? tool / curl : 0);

@@ -41,12 +41,6 @@ constexpr int SAMPLE_MS = 50;
 
 double since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
-double median(std::vector<double> v) {
-    std::sort(v.begin(), v.end());
-    size_t n = v.size();
-    return n == 0 ? 0 : n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
-}
-
 // A CT image of `frames` 8-bit frames of rows x columns, made by dump2dcm.
 bool makeDicom(const std::string& dir, const std::string& out, int rows, int columns, int frames) {
     std::string raw = dir + "/pixels.raw", dump = dir + "/image.dump";

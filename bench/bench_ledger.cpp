@@ -18,8 +18,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-double median3(double a, double b, double c) { return std::max(std::min(a, b), std::min(std::max(a, b), c)); }
-
 // Microseconds per upload of path; -1 when any failed.
 double uploadMicros(const std::string& dataDir, const std::string& path, const LocalService& svc, int count) {
     double s = 0;
@@ -72,8 +70,8 @@ int main() {
                    record[round], 100 * ratio[round]);
         }
         printf("median of 3: upload 1 KB %.1f us, ledger record %.2f us, record/upload %.3f%% (goal < 1%%)\n",
-               median3(upload[0], upload[1], upload[2]), median3(record[0], record[1], record[2]),
-               100 * median3(ratio[0], ratio[1], ratio[2]));
+               median({upload[0], upload[1], upload[2]}), median({record[0], record[1], record[2]}),
+               100 * median({ratio[0], ratio[1], ratio[2]}));
     } catch (const std::exception& e) {
         fprintf(stderr, "%s\n", e.what());
         return 1;

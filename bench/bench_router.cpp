@@ -27,11 +27,6 @@ const std::string SMALL = "/usr/lib/python3/dist-packages/pydicom/data/test_file
 
 double since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
-double median(std::vector<double> v) {
-    std::sort(v.begin(), v.end());
-    return v.empty() ? 0 : v[v.size() / 2];
-}
-
 // Seconds for the router to deliver `items` queued items in one pass.
 double routerRound(LocalService& service, int items, int first) {
     for (int i = 0; i < items; ++i)

@@ -63,11 +63,6 @@ Measured measure(const std::vector<std::string>& args) {
     return m;
 }
 
-double median(std::vector<double> v) {
-    std::sort(v.begin(), v.end());
-    return v.empty() ? 0 : v[v.size() / 2];
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {

@@ -69,10 +69,6 @@ void benchUploads(const std::string& dataDir, const std::string& files, const Lo
     unlink(path.c_str());
 }
 
-double median3(double a, double b, double c) {
-    return std::max(std::min(a, b), std::min(std::max(a, b), c));
-}
-
 // ---- the limit: one PSK TLS stream from memory to a forked reader
 
 struct Side {
@@ -228,8 +224,8 @@ int main() {
         }
         unlink(path.c_str());
         printf("median of 3: upload 400 MB %.1f MB/s, raw stream %.1f MB/s\n",
-               median3(upload[0], upload[1], upload[2]), median3(raw[0], raw[1], raw[2]));
-        printf("upload/raw ratio: %.2f\n", median3(ratio[0], ratio[1], ratio[2]));
+               median({upload[0], upload[1], upload[2]}), median({raw[0], raw[1], raw[2]}));
+        printf("upload/raw ratio: %.2f\n", median({ratio[0], ratio[1], ratio[2]}));
     } catch (const std::exception& e) {
         fprintf(stderr, "%s\n", e.what());
         return 1;

@@ -33,6 +33,12 @@ TempDir::~TempDir() {
     std::filesystem::remove_all(m_path, ignored);
 }
 
+double median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    size_t n = values.size();
+    return n == 0 ? 0 : n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
+}
+
 std::string slurp(const std::string& path) {
     std::ostringstream ss;
     ss << std::ifstream(path, std::ios::binary).rdbuf();

@@ -20,6 +20,9 @@ private:
     std::string m_path;
 };
 
+// The middle value (the mean of the middle two for an even count); 0 for none.
+double median(std::vector<double> values);
+
 std::string slurp(const std::string& path);
 void spit(const std::string& path, const std::string& content);
 bool exists(const std::string& path);
