@@ -4,7 +4,6 @@
 #include <netinet/in.h>
 #include <strings.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -107,8 +106,7 @@ void relayApiRequest(ListenerConnection& conn, char* text, int n) {
     if (strcasecmp(type.c_str(), "DICOM send") == 0) {
         std::string file = exportFileOf(text);
         if (file.empty() && !QUIET) logLine("DICOM send refused: not a file in the export directory");
-        struct stat st;
-        if (!file.empty() && stat(file.c_str(), &st) == 0) entry.bytes = st.st_size;
+        if (!file.empty()) entry.bytes = fileSizeOf(file.c_str());
         double started = monotonicSeconds();
         SendFile::Outcome outcome;
         int rc = file.empty() ? 1 : SendFile::sendAFile(file.c_str(), "Export", "Export", dataDir, QUIET, &outcome);

@@ -135,6 +135,12 @@ void sayState(bool off, const std::string& path, int err) {
 
 }  // namespace
 
+std::string ledgerFileOf(const tm& local) {
+    char day[32];
+    snprintf(day, sizeof day, "%04d-%02d-%02d", local.tm_year + 1900, local.tm_mon + 1, local.tm_mday);
+    return std::string(LEDGER_DIR) + "/" + day + LEDGER_SUFFIX;
+}
+
 void ledgerRecord(const char* dataDir, const LedgerEntry& entry) {
     if (!dataDir || !*dataDir) return;
     try {
@@ -142,10 +148,8 @@ void ledgerRecord(const char* dataDir, const LedgerEntry& entry) {
         tm local{};
         localtime_r(&now, &local);
         std::string line = lineOf(entry, local);
-        char day[32];
-        snprintf(day, sizeof day, "%04d-%02d-%02d", local.tm_year + 1900, local.tm_mon + 1, local.tm_mday);
         std::string dir = std::string(dataDir) + "/" + LEDGER_DIR;
-        std::string path = dir + "/" + day + LEDGER_SUFFIX;
+        std::string path = std::string(dataDir) + "/" + ledgerFileOf(local);
 
         int fd = openDaily(dir, path);
         if (fd < 0) return sayState(true, path, errno);

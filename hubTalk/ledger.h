@@ -28,6 +28,10 @@ struct LedgerEntry {
 // it works again.
 void ledgerRecord(const char* dataDir, const LedgerEntry& entry);
 
+// The daily file of records made at local time `local`, relative to the
+// data directory: "ledger/YYYY-MM-DD.tsv".
+std::string ledgerFileOf(const tm& local);
+
 // Removes the daily files dated more than "ledgerDays.txt" days (a positive
 // whole number; anything else means Limits::LEDGER_KEEP_DAYS) before the
 // local date of now. Only regular files named "YYYY-MM-DD.tsv" with a real

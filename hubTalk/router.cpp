@@ -125,8 +125,7 @@ void recordRoute(const Item& item, const std::string& server, long long bytes, c
 }
 
 void deliver(const Item& item, const std::string& file) {
-    struct stat st;
-    long long bytes = stat(file.c_str(), &st) == 0 ? static_cast<long long>(st.st_size) : -1;
+    long long bytes = fileSizeOf(file.c_str());  // before the command, which may move it
     double started = monotonicSeconds();
     std::string table = readText(dataDir, StateFile::DESTINATIONS.name, StateFile::DESTINATIONS.most);
     Destination to = findDestination(table, item.aeTitle, ER_ip);
@@ -143,19 +142,18 @@ void deliver(const Item& item, const std::string& file) {
         if (status == RUN_TIMED_OUT)
             fprintf(stderr, "Router: item %ld: delivery stopped after %u s\n", item.id, limit);
     }
+    std::string message;
     if (status != 0) {
-        std::string message = bounded(
+        message = bounded(
             "Sundel:  router loop FAILED:  (dcmsend/measurecast) command failed for aetitle=%s id=%ld, "
             "ip=%s, port=%d\n",
             messageSafe(to.aeTitle).c_str(), item.id, messageSafe(to.host).c_str(), ER_port);
         if (VERBOSE) printf("Sundel:  Command Failed (%s)\n", message.c_str());
-        report(item.id, message);
-        recordRoute(item, server, bytes, message, started);
-    } else {
-        if (VERBOSE) printf("Sundel:  Command Succeeded\n");
-        report(item.id, "");
-        recordRoute(item, server, bytes, "", started);
+    } else if (VERBOSE) {
+        printf("Sundel:  Command Succeeded\n");
     }
+    report(item.id, message);
+    recordRoute(item, server, bytes, message, started);
 }
 
 }  // namespace
@@ -197,8 +195,7 @@ int route_loop_proc(int64_t* timestamp) {
         if (!isDicom(file.c_str(), "")) {
             std::string message = bounded("Sundel:  router loop FAILED:  non-DICOM file received for id=%ld\n", item.id);
             report(item.id, message);
-            struct stat st;
-            recordRoute(item, item.aeTitle, stat(file.c_str(), &st) == 0 ? st.st_size : -1, message, started);
+            recordRoute(item, item.aeTitle, fileSizeOf(file.c_str()), message, started);
             removeDropped(file);
             break;
         }

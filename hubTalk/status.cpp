@@ -17,6 +17,7 @@
 
 #include "bounds.h"
 #include "files.h"
+#include "ledger.h"
 #include "settings.h"
 #include "stateFiles.h"
 #include "util.h"
@@ -419,9 +420,8 @@ void ledger(Status& s, Emitter& e) {
     time_t since = s.now - 86400;
     for (time_t day : {since, s.now}) {
         struct tm local;
-        char name[64];
         if (!localtime_r(&day, &local)) continue;
-        strftime(name, sizeof name, "ledger/%Y-%m-%d.tsv", &local);
+        std::string name = ledgerFileOf(local);
         std::string path = std::string(s.dir) + "/" + name;
         int fd = openRegular(path.c_str());
         FILE* f = fd < 0 ? nullptr : fdopen(fd, "r");

@@ -381,6 +381,11 @@ long long getFileSize(const char* dir, const char* name) {
     return stat(path, &st) == 0 ? static_cast<long long>(st.st_size) : 0;
 }
 
+long long fileSizeOf(const char* path) {
+    struct stat st;
+    return path && stat(path, &st) == 0 ? static_cast<long long>(st.st_size) : -1;
+}
+
 time_t getFileModTime(const char* dir, const char* name) {
     Path path(dir, name);
     struct stat st;

@@ -69,6 +69,8 @@ int rmFile(const char* dir, const char* name);
 bool fileExists(const char* dir, const char* name);
 bool nonZeroFile(const char* dir, const char* name);
 long long getFileSize(const char* dir, const char* name);
+// The size of the file at path (links followed); -1 when there is none.
+long long fileSizeOf(const char* path);
 time_t getFileModTime(const char* dir, const char* name);
 bool isLocked(const char* path);
 int getFileCount(const char* dir);
