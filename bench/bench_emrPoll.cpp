@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "emr/studyPoll.h"
+#include "files.h"
 #include "localServiceProcess.h"
 #include "sendFile.h"
 #include "serviceLog.h"
@@ -68,12 +69,11 @@ double bareCreation(const std::string& dir, size_t files, size_t bytes) {
     for (size_t i = 0; i < files; ++i) {
         std::string name = dir + "/" + std::to_string(i) + ".hl7";
         int fd = open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-        if (fd < 0 || write(fd, content.data(), bytes) != static_cast<ssize_t>(bytes)) return -1;
-        close(fd);
+        bool whole = fd >= 0 && write(fd, content.data(), bytes) == static_cast<ssize_t>(bytes);
+        if (fd >= 0) close(fd);
+        if (!whole) return -1;
     }
-    int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0 || syncfs(fd) != 0) return -1;
-    close(fd);
+    if (!syncFileSystemOf(dir.c_str())) return -1;
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
